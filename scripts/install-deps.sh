@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs the Debian packages this project builds and tests with.
+# Idempotent: packages already present are skipped; nothing is done when all are there.
+set -euo pipefail
+
+packages=(
+  # toolchain
+  g++ cmake make pkg-config
+  # text, regular expressions, calendar
+  libicu-dev
+  # wire format, JSON, XML
+  libplist-dev nlohmann-json3-dev libpugixml-dev
+  # PDF text (the MuPDF package declares none of its own dependencies)
+  libmupdf-dev libmujs-dev libgumbo-dev libopenjp2-7-dev libjbig2dec0-dev
+  libjpeg-dev libfreetype-dev libharfbuzz-dev zlib1g-dev
+  # tests and benchmarks
+  libgtest-dev libgmock-dev libbenchmark-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q '^install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+echo "Installing: ${missing[*]}" >&2
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
