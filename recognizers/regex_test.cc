@@ -1,0 +1,285 @@
+#include "recognizers/regex.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kit/diagnostics.h"
+#include "kit/unicode.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// Collects log entries, without their "date time process[pid:tid] " prefix,
+// while it exists.
+class LogCapture {
+ public:
+  LogCapture() {
+    lmSetLogSink([this](std::string_view line) {
+      const size_t prefixEnd = line.find("] ");
+      lines_.emplace_back(prefixEnd == std::string_view::npos ? line
+                                                               : line.substr(prefixEnd + 2));
+    });
+  }
+  ~LogCapture() { lmSetLogSink(nullptr); }
+  const std::vector<std::string>& lines() const { return lines_; }
+
+ private:
+  std::vector<std::string> lines_;
+};
+
+std::string utf8(const std::optional<std::u16string>& text) {
+  return text ? lmUtf8(*text) : std::string("<nullopt>");
+}
+
+TEST(RegexTest, MapsNamedGroupsToCaptureNumbers) {
+  struct Case {
+    std::u16string pattern;
+    std::vector<std::pair<std::u16string, uint64_t>> mappings;
+    std::u16string rewritten;
+  };
+  const Case cases[] = {
+      {uR"((?<1-DAY>\d+)\.(?<1-MONTH>\d+))", {{u"1-DAY", 1}, {u"1-MONTH", 2}}, uR"((\d+)\.(\d+))"},
+      {u"(?:x)(a)(?<n>b)", {{u"n", 2}}, u"(?:x)(a)(b)"},
+      {u"(?<![x])(?<n>y)", {{u"n", 1}}, u"(?<![x])(y)"},
+      {u"(?<=x)(?=y)(?!z)(?#note)(?<n>y)", {{u"n", 1}}, u"(?<=x)(?=y)(?!z)(?#note)(y)"},
+      {u"((?<outer>a(?<inner>b)))", {{u"outer", 2}, {u"inner", 3}}, u"((a(b)))"},
+      {u"(?<a_1>x)|(?<B-2>y)", {{u"a_1", 1}, {u"B-2", 2}}, u"(x)|(y)"},
+      {u"plain(x)", {}, u"plain(x)"},
+      // The count is naive on purpose: escaped and bracketed parentheses and
+      // inline flag groups each count as a group.
+      {uR"(\((?<n>x))", {{u"n", 2}}, uR"(\((x))"},
+      {u"[(](?<n>x)", {{u"n", 2}}, u"[(](x)"},
+      {u"(?i)(?<n>x)", {{u"n", 2}}, u"(?i)(x)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(lmUtf8(c.pattern));
+    const LMRegex regex(c.pattern);
+    EXPECT_EQ(regex.groupNameMappings(), c.mappings);
+    EXPECT_EQ(lmUtf8(regex.rewrittenPattern()), lmUtf8(c.rewritten));
+    EXPECT_EQ(regex.pattern(), c.pattern);
+    EXPECT_EQ(regex.options(), kLMRegexDefaultOptions);
+    EXPECT_NE(regex.compiled(), nullptr);
+  }
+}
+
+TEST(RegexTest, LooksGroupsUpByName) {
+  const LMRegex regex(uR"((?<1-DAY>\d+)\.(?<1-MONTH>\d+) (\.(?<1-YEAR>\d+))?)");
+  const std::u16string text = u"Date: 24.12 rest";
+  const std::optional<LMRegexMatch> match = regex.firstMatchInString(text);
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(utf8(match->stringForGroupName(u"1-DAY")), "24");
+  EXPECT_EQ(utf8((*match)[u"1-MONTH"]), "12");
+  EXPECT_EQ(utf8(match->stringForGroupName(u"1-YEAR")), "");  // took no part
+  EXPECT_EQ(utf8(match->stringForGroupName(u"1-HOUR")), "<nullopt>");
+  EXPECT_EQ(match->rangeForGroupName(u"1-MONTH"), LMTextRange::make(9, 2));
+  EXPECT_FALSE(match->rangeForGroupName(u"1-YEAR").found());
+  EXPECT_FALSE(match->rangeForGroupName(u"1-HOUR").found());
+  EXPECT_EQ(lmUtf8(match->stringValue()), "24.12");
+  EXPECT_EQ(match->range(), LMTextRange::make(6, 5));
+  EXPECT_EQ(match->numberOfRanges(), 5u);
+  EXPECT_FALSE(match->rangeAtIndex(5).found());
+  EXPECT_EQ(&match->regex(), &regex);
+}
+
+TEST(RegexTest, NameBeyondCompiledGroupsIsUnknown) {
+  // The naive count gives "n" the number 2, but the compiled pattern has
+  // only one group.
+  const LMRegex regex(uR"(\((?<n>x))");
+  const std::u16string text = u"(x";
+  const std::optional<LMRegexMatch> match = regex.firstMatchInString(text);
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(utf8(match->stringForGroupName(u"n")), "<nullopt>");
+  EXPECT_FALSE(match->rangeForGroupName(u"n").found());
+}
+
+TEST(RegexTest, ResultHelpersCutRangesOutOfText) {
+  const LMRegex regex(u"x");
+  const LMRegexMatch match(regex, u"abcdef",
+                           {LMTextRange::make(1, 3), LMTextRange{}, LMTextRange::make(4, 2),
+                            LMTextRange::make(5, 9)});
+  const std::u16string text = u"abcdef";
+  EXPECT_EQ(lmUtf8(match.inString(text)), "bcd");
+  struct Case {
+    uint64_t index;
+    std::string expected;
+  };
+  const Case cases[] = {{0, "bcd"}, {1, ""}, {2, "ef"}, {3, ""}, {4, "<nullopt>"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.index);
+    EXPECT_EQ(utf8(match.inString(text, c.index)), c.expected);
+  }
+  EXPECT_THAT(match.groupsInString(text), ElementsAre(u"bcd", u"", u"ef", u""));
+  EXPECT_EQ(lmUtf8(match.inString(u"ab")), "");  // range beyond the text
+}
+
+TEST(RegexTest, CachesByPatternAndOptions) {
+  const std::u16string pattern = u"cache-(?<n>\\d)";
+  const auto first = LMRegex::regexWithPattern(pattern, 19, true);
+  const auto again = LMRegex::regexWithPattern(pattern, 19, true);
+  const auto otherOptions = LMRegex::regexWithPattern(pattern, 1, true);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first.get(), again.get());
+  EXPECT_NE(first.get(), otherOptions.get());
+  EXPECT_EQ(otherOptions->options(), 1u);
+
+  const std::u16string uncachedPattern = u"uncached-(?<n>\\d)";
+  const auto a = LMRegex::regexWithPattern(uncachedPattern, 19, false);
+  const auto b = LMRegex::regexWithPattern(uncachedPattern, 19, false);
+  const auto cached = LMRegex::regexWithPattern(uncachedPattern, 19, true);
+  EXPECT_NE(a.get(), b.get());
+  EXPECT_NE(cached.get(), a.get());
+  EXPECT_NE(cached.get(), b.get());
+}
+
+TEST(RegexTest, MatchKeepsSharedRegexAlive) {
+  const std::u16string text = u"total 42";
+  auto regex = LMRegex::regexWithPattern(u"(?<1-N>\\d+)", 19, false);
+  const std::weak_ptr<const LMRegex> weak = regex;
+  std::optional<LMRegexMatch> match = regex->firstMatchInString(text);
+  regex.reset();
+  ASSERT_TRUE(match.has_value());
+  EXPECT_FALSE(weak.expired());
+  EXPECT_EQ(utf8((*match)[u"1-N"]), "42");
+  match.reset();
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST(RegexTest, InvalidPatternLogsOnceAndFindsNothing) {
+  const std::u16string text = u"abc (abc";
+  LogCapture log;
+  const LMRegex regex(u"(?<n>abc");
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_THAT(log.lines()[0], StartsWith("Assertion <regex.cc:"));
+  EXPECT_THAT(log.lines()[0], HasSubstr("(regex_) failed assertion"));
+  EXPECT_EQ(regex.compiled(), nullptr);
+  int calls = 0;
+  regex.enumerateMatchesInString(text, [&](const LMRegexMatch&, bool*) { ++calls; });
+  EXPECT_EQ(calls, 0);
+  EXPECT_TRUE(regex.allStringMatchesinString(text).empty());
+  EXPECT_FALSE(regex.firstMatchInString(text).has_value());
+  EXPECT_EQ(regex.numberOfMatchesInString(text), 0u);
+  EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST(RegexTest, DuplicateNameLogsAndLastDefinitionWins) {
+  LogCapture log;
+  const LMRegex regex(u"(?<a>x)(?<a>y)");
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_THAT(log.lines()[0], StartsWith("Only define once! <regex.cc:"));
+  EXPECT_THAT(log.lines()[0], HasSubstr("failed assertion"));
+  ASSERT_EQ(regex.groupNameMappings().size(), 1u);
+  EXPECT_EQ(regex.groupNameMappings()[0].second, 2u);
+  EXPECT_EQ(regex.rewrittenPattern(), u"(x)(y)");
+  const std::u16string text = u"xy";
+  const std::optional<LMRegexMatch> match = regex.firstMatchInString(text);
+  ASSERT_TRUE(match.has_value());
+  EXPECT_EQ(utf8((*match)[u"a"]), "y");
+}
+
+TEST(RegexTest, AppliesOptionBits) {
+  struct Case {
+    const char* name;
+    std::u16string pattern;
+    uint64_t options;
+    std::u16string text;
+    std::vector<std::u16string> matches;
+  };
+  const Case cases[] = {
+      {"default ignores case", u"total", kLMRegexDefaultOptions, u"TOTAL", {u"TOTAL"}},
+      {"default ignores spaces", u"total amount", kLMRegexDefaultOptions, u"total amount totalamount", {u"totalamount"}},
+      {"default escaped space", uR"(total\ amount)", kLMRegexDefaultOptions, u"Total Amount", {u"Total Amount"}},
+      {"default comments", u"\\d+  # the amount", kLMRegexDefaultOptions, u"a 42", {u"42"}},
+      {"default anchors at lines", u"^\\w", kLMRegexDefaultOptions, u"ab\ncd", {u"a", u"c"}},
+      {"options 0 case-sensitive", u"total", 0, u"TOTAL total", {u"total"}},
+      {"options 0 spaces count", u"a b", 0, u"ab a b", {u"a b"}},
+      {"options 0 anchors at text", u"^\\w", 0, u"ab\ncd", {u"a"}},
+      {"literal", u"a.c", kLMRegexIgnoreMetacharacters, u"abc a.c", {u"a.c"}},
+      {"dot without line separators", u"a.c", 0, u"a\nc", {}},
+      {"dot with line separators", u"a.c", kLMRegexDotMatchesLineSeparators, u"a\nc", {u"a\nc"}},
+      {"any line separator", u"a$", kLMRegexAnchorsMatchLines, u"a\r\nb", {u"a"}},
+      {"unix line separators", u"a$", kLMRegexAnchorsMatchLines | kLMRegexUseUnixLineSeparators, u"a\r\nb", {}},
+      {"simple word boundaries", u"\\bcan\\b", 0, u"can't", {u"can"}},
+      {"unicode word boundaries", u"\\bcan\\b", kLMRegexUseUnicodeWordBoundaries, u"can't", {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const LMRegex regex(c.pattern, c.options);
+    EXPECT_EQ(regex.allStringMatchesinString(c.text), c.matches);
+  }
+}
+
+TEST(RegexTest, RangesCountUtf16Units) {
+  const LMRegex regex(u"(?<n>\\d+)");
+  const std::u16string text = u"\U0001F600 12 \U0001F600345";
+  std::vector<LMTextRange> ranges;
+  regex.enumerateMatchesInString(text, [&](const LMRegexMatch& match, bool*) {
+    ranges.push_back(match.rangeForGroupName(u"n"));
+  });
+  EXPECT_THAT(ranges, ElementsAre(LMTextRange::make(3, 2), LMTextRange::make(8, 3)));
+}
+
+TEST(RegexTest, StopEndsEnumeration) {
+  const LMRegex regex(u"\\d+");
+  const std::u16string text = u"1 2 3";
+  std::vector<std::u16string> seen;
+  regex.enumerateMatchesInString(text, 0, [&](const LMRegexMatch& match, bool* stop) {
+    seen.push_back(match.stringValue());
+    *stop = true;
+  });
+  EXPECT_THAT(seen, ElementsAre(u"1"));
+  EXPECT_EQ(regex.numberOfMatchesInString(text), 3u);
+}
+
+TEST(RegexTest, EmptyTextAndEmptyMatches) {
+  EXPECT_TRUE(LMRegex(u"\\d+").allStringMatchesinString(u"").empty());
+  // Empty matches are reported and the search still moves on.
+  EXPECT_EQ(LMRegex(u"x*").numberOfMatchesInString(u"ab"), 3u);
+}
+
+TEST(RegexTest, EngineFeaturesRecognizersUse) {
+  struct Case {
+    const char* name;
+    std::u16string pattern;
+    std::u16string text;
+    std::vector<std::u16string> matches;
+  };
+  const Case cases[] = {
+      {"posix class ignoring case", u"[[:alpha:]]+", u"\u00C4rger 12 gro\u00DF", {u"\u00C4rger", u"gro\u00DF"}},
+      {"look-behind alternation", u"(?<=EUR|Total:\\ )\\d+", u"Total: 12 EUR5 X7", {u"12", u"5"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(LMRegex(c.pattern).allStringMatchesinString(c.text), c.matches);
+  }
+}
+
+TEST(RegexTest, SharedRegexSearchesFromManyThreads) {
+  const auto regex = LMRegex::regexWithPattern(u"(?<1-N>\\d+)", 19, true);
+  const std::u16string text = u"1 22 333 4444";
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; ++i) {
+        if (LMRegex::regexWithPattern(u"(?<1-N>\\d+)", 19, true) != regex) ++wrong;
+        std::u16string joined;
+        regex->enumerateMatchesInString(text, [&](const LMRegexMatch& match, bool*) {
+          joined += *match[u"1-N"];
+        });
+        if (joined != u"1223334444") ++wrong;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+}  // namespace
