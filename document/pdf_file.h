@@ -1,0 +1,94 @@
+// The PDF adapter: what the document layer needs of an opened PDF, and
+// nothing more. The interface is abstract so that the page model can be
+// tested with hand-made pages; lmOpenPdfFile gives the real one.
+//
+// Coordinates are PDF user space: points, origin at the page's lower left,
+// y growing upwards, also for rotated pages. Text offsets and lengths count
+// UTF-16 units of the page's `string()`.
+//
+// Threads: one opened file and its pages are used by one thread at a time;
+// different files may be used on different threads at once.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "kit/rect.h"
+#include "kit/text_range.h"
+#include "kit/value.h"
+
+// One line of a page's text.
+struct LMPdfTextLine {
+  // Where the line stands in the page's string() (without its "\n").
+  LMTextRange range;
+  // The line's bounds on the page.
+  LMRect bounds;
+};
+
+// The font of a character.
+struct LMPdfFont {
+  std::u16string name;
+  double size = 0;
+};
+
+// A link annotation.
+struct LMPdfLink {
+  std::u16string url;
+  LMRect bounds;
+};
+
+// Attribute keys of a page's attributed string runs.
+inline constexpr char16_t kLMPdfFontNameAttribute[] = u"LMFontName";
+inline constexpr char16_t kLMPdfFontSizeAttribute[] = u"LMFontSize";
+
+class LMPdfFilePage {
+ public:
+  virtual ~LMPdfFilePage() = default;
+
+  // 0-based index of the page in its document.
+  virtual int64_t index() const = 0;
+  // The page's media box as the PDF states it (not rotated).
+  virtual LMRect mediaBox() const = 0;
+  // The page's text: its lines in reading order joined with "\n". No-break
+  // and typographic spaces are kept as they are. Empty when the page has no text.
+  virtual const std::u16string& string() const = 0;
+  // string() with runs of font attributes (kLMPdfFontNameAttribute: text,
+  // kLMPdfFontSizeAttribute: double); empty when the page has no text.
+  virtual const LMAttributedString& attributedString() const = 0;
+  // The lines of string(), in reading order.
+  virtual const std::vector<LMPdfTextLine>& lines() const = 0;
+  // The rectangle enclosing the characters of `range`: the zero rectangle
+  // when the range selects nothing (length 0, or only line breaks), the null
+  // rectangle when the range does not fit in string().
+  virtual LMRect boundsForRange(LMTextRange range) const = 0;
+  // The font at character `index` of string(); nullopt outside the text or
+  // for a line break the adapter inserted.
+  virtual std::optional<LMPdfFont> fontAtIndex(uint64_t index) const = 0;
+  // The page's link annotations with their targets, in page order.
+  virtual std::vector<LMPdfLink> links() const = 0;
+};
+
+class LMPdfFile {
+ public:
+  virtual ~LMPdfFile() = default;
+
+  virtual int64_t pageCount() const = 0;
+  // Page `index`, or null when the index is out of range or the page cannot
+  // be read. Pages are made once and kept by the file.
+  virtual std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const = 0;
+  // The document information's Creator and Producer; nullopt when absent.
+  virtual std::optional<std::u16string> creator() const = 0;
+  virtual std::optional<std::u16string> producer() const = 0;
+  // The whole document's text: the pages' strings joined with "\n";
+  // nullopt when no page has text.
+  virtual std::optional<std::u16string> string() const = 0;
+};
+
+// Opens PDF bytes with MuPDF. Null for bytes that are no readable PDF (an
+// empty buffer included). Damaged files that MuPDF can repair are opened.
+// MuPDF's warnings and errors go to the log; nothing is written elsewhere and
+// nothing is thrown. The bytes are copied; the caller may free them.
+std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes);
