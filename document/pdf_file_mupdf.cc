@@ -1,0 +1,574 @@
+// LMPdfFile over MuPDF's C API.
+//
+// MuPDF reports errors by longjmp (fz_try/fz_catch). Every MuPDF call that
+// can throw sits in a small function below that holds only plain C values
+// and answers with a plain value; C++ objects with destructors never live in
+// a frame that a longjmp could skip. The C++ classes only read the plain
+// structures MuPDF hands back (structured text, link lists), which never
+// throws.
+//
+// Threads: MuPDF needs one fz_context per thread. Every opened file gets its
+// own context, cloned from one process-wide base context whose lock
+// callbacks guard what the clones share (allocator, resource store, font
+// machinery).
+#include <mupdf/fitz.h>
+#include <mupdf/pdf.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "document/pdf_file.h"
+#include "kit/diagnostics.h"
+#include "kit/unicode.h"
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Process-wide base context.
+
+// Fonts and other resources MuPDF keeps between documents. The service reads
+// text only (images are never decoded), so a modest store is plenty.
+constexpr size_t kStoreSize = 64u << 20;
+
+std::mutex* contextLocks() {
+  static std::mutex* locks = new std::mutex[FZ_LOCK_MAX];  // never destroyed
+  return locks;
+}
+
+void lockContext(void*, int lock) { contextLocks()[lock].lock(); }
+void unlockContext(void*, int lock) { contextLocks()[lock].unlock(); }
+
+// Messages of the base context itself; the clones get their own collector.
+void logBaseMessage(void*, const char* message) {
+  lmLogf("MuPDF: %s", message ? message : "");
+}
+
+fz_context* makeBaseContext() {
+  fz_locks_context locks{nullptr, lockContext, unlockContext};
+  fz_context* ctx = fz_new_context(nullptr, &locks, kStoreSize);
+  if (!ctx) {
+    lmLog("MuPDF: could not create its context");
+    return nullptr;
+  }
+  // Set before any clone is made: clones copy them, so that nothing ever
+  // reaches MuPDF's default handlers, which print to standard error.
+  fz_set_warning_callback(ctx, logBaseMessage, nullptr);
+  fz_set_error_callback(ctx, logBaseMessage, nullptr);
+  return ctx;
+}
+
+fz_context* baseContext() {
+  static fz_context* const base = makeBaseContext();  // never dropped
+  return base;
+}
+
+// ---------------------------------------------------------------------------
+// What MuPDF reports while one document is read. Damaged files can produce
+// hundreds of lines (one per failed object lookup); they are counted and
+// logged as one entry when the document is closed.
+
+class MessageCollector {
+ public:
+  static void onWarning(void* user, const char* message) {
+    static_cast<MessageCollector*>(user)->add("warning", message);
+  }
+  static void onError(void* user, const char* message) {
+    static_cast<MessageCollector*>(user)->add("error", message);
+  }
+
+  // One log entry when anything was reported.
+  void logSummary() const {
+    if (count_ == 0) return;
+    std::string examples;
+    for (const std::string& sample : samples_) {
+      if (!examples.empty()) examples += "; ";
+      examples += sample;
+    }
+    lmLogf("MuPDF reported %llu problem(s) while reading a PDF: %s%s",
+           static_cast<unsigned long long>(count_), examples.c_str(),
+           count_ > samples_.size() ? "; ..." : "");
+  }
+
+ private:
+  static constexpr size_t kMaxSamples = 3;
+
+  // Called from inside MuPDF (a C frame): must not throw.
+  void add(const char* kind, const char* message) noexcept {
+    // MuPDF reports a run of equal warnings once, then "... repeated N times...".
+    int repeats = 0;
+    if (message && std::sscanf(message, "... repeated %d times", &repeats) == 1) {
+      if (repeats > 1) count_ += static_cast<uint64_t>(repeats - 1);
+      return;
+    }
+    ++count_;
+    try {
+      std::string line = std::string(kind) + ": " + (message ? message : "");
+      if (samples_.size() < kMaxSamples &&
+          std::find(samples_.begin(), samples_.end(), line) == samples_.end()) {
+        samples_.push_back(std::move(line));
+      }
+    } catch (...) {
+      // Out of memory while keeping an example: the count is enough.
+    }
+  }
+
+  uint64_t count_ = 0;
+  std::vector<std::string> samples_;
+};
+
+// ---------------------------------------------------------------------------
+// MuPDF calls, each inside its own fz_try. Plain values only.
+
+pdf_document* openDocument(fz_context* ctx, const uint8_t* data, size_t size) {
+  fz_buffer* buffer = nullptr;
+  fz_stream* stream = nullptr;
+  pdf_document* doc = nullptr;
+  fz_var(buffer);
+  fz_var(stream);
+  fz_var(doc);
+  fz_try(ctx) {
+    buffer = fz_new_buffer_from_copied_data(ctx, data, size);
+    stream = fz_open_buffer(ctx, buffer);
+    doc = pdf_open_document_with_stream(ctx, stream);
+    // Files encrypted with an empty user password open like any other;
+    // files that need a real password are unreadable here.
+    if (pdf_needs_password(ctx, doc) && !pdf_authenticate_password(ctx, doc, "")) {
+      fz_throw(ctx, FZ_ERROR_GENERIC, "document needs a password");
+    }
+  }
+  fz_always(ctx) {
+    fz_drop_stream(ctx, stream);
+    fz_drop_buffer(ctx, buffer);
+  }
+  fz_catch(ctx) {
+    pdf_drop_document(ctx, doc);
+    doc = nullptr;
+  }
+  return doc;
+}
+
+// The page count, or -1 when the page tree cannot be read.
+int countPages(fz_context* ctx, pdf_document* doc) {
+  int count = -1;
+  fz_var(count);
+  fz_try(ctx) { count = pdf_count_pages(ctx, doc); }
+  fz_catch(ctx) { count = -1; }
+  return count;
+}
+
+// The Info dictionary's text entry `key` as UTF-8, owned by the document;
+// null when absent or not a string.
+const char* infoText(fz_context* ctx, pdf_document* doc, pdf_obj* key) {
+  const char* text = nullptr;
+  fz_var(text);
+  fz_try(ctx) {
+    pdf_obj* info = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Info));
+    pdf_obj* value = pdf_dict_get(ctx, info, key);
+    if (pdf_is_string(ctx, value)) text = pdf_to_text_string(ctx, value);
+  }
+  fz_catch(ctx) { text = nullptr; }
+  return text;
+}
+
+struct PageGeometry {
+  fz_rect mediaBox;      // as the PDF states it; empty when it states none
+  fz_rect displayBox;    // what MuPDF shows (crop box, defaults applied)
+  fz_matrix fromUser;    // user space to MuPDF's display space
+};
+
+pdf_page* loadPage(fz_context* ctx, pdf_document* doc, int index, PageGeometry* geometry) {
+  pdf_page* page = nullptr;
+  fz_var(page);
+  fz_try(ctx) {
+    page = pdf_load_page(ctx, doc, index);
+    pdf_obj* box = pdf_dict_get_inheritable(ctx, page->obj, PDF_NAME(MediaBox));
+    geometry->mediaBox = pdf_to_rect(ctx, box);
+    pdf_page_transform(ctx, page, &geometry->displayBox, &geometry->fromUser);
+  }
+  fz_catch(ctx) {
+    fz_drop_page(ctx, reinterpret_cast<fz_page*>(page));
+    page = nullptr;
+  }
+  return page;
+}
+
+// FZ_STEXT_PRESERVE_WHITESPACE keeps no-break and typographic spaces (without
+// it MuPDF turns every horizontal space into a blank). Ligatures are
+// deliberately expanded (no FZ_STEXT_PRESERVE_LIGATURES): the recognizers'
+// terms are written in plain letters, and a kept U+FB06 would hide "st" in
+// "Umsatzsteuer". Each expanded letter is its own character here, so offsets
+// stay one character per code point: the first letter gets the glyph's box,
+// the others a zero-width box at its end, and a range over them all has the
+// glyph's bounds.
+constexpr int kTextFlags = FZ_STEXT_PRESERVE_WHITESPACE;
+
+// The page's structured text, or null. Content that fails halfway keeps the
+// text found before the failure (`*complete` is then false).
+fz_stext_page* extractText(fz_context* ctx, pdf_page* page, bool* complete) {
+  fz_stext_page* text = nullptr;
+  fz_device* device = nullptr;
+  fz_var(text);
+  fz_var(device);
+  *complete = true;
+  fz_try(ctx) {
+    fz_stext_options options{kTextFlags, 1.0f};
+    text = fz_new_stext_page(ctx, pdf_bound_page(ctx, page));
+    device = fz_new_stext_device(ctx, text, &options);
+    // The contents and the annotations' appearances (filled-in form fields
+    // show their values that way), as the page is shown.
+    fz_run_page(ctx, reinterpret_cast<fz_page*>(page), device, fz_identity, nullptr);
+    fz_close_device(ctx, device);
+  }
+  fz_always(ctx) { fz_drop_device(ctx, device); }
+  fz_catch(ctx) { *complete = false; }
+  return text;
+}
+
+fz_link* loadLinks(fz_context* ctx, pdf_page* page) {
+  fz_link* links = nullptr;
+  fz_var(links);
+  fz_try(ctx) { links = fz_load_links(ctx, reinterpret_cast<fz_page*>(page)); }
+  fz_catch(ctx) { links = nullptr; }
+  return links;
+}
+
+// ---------------------------------------------------------------------------
+// Conversions.
+
+LMRect rectFromFz(const fz_rect& r) {
+  double x0 = std::min(r.x0, r.x1), x1 = std::max(r.x0, r.x1);
+  double y0 = std::min(r.y0, r.y1), y1 = std::max(r.y0, r.y1);
+  return LMRect{x0, y0, x1 - x0, y1 - y0};
+}
+
+// The box around a quad of display space, in user space.
+LMRect userRect(const fz_quad& quad, const fz_matrix& toUser) {
+  const fz_point points[4] = {
+      fz_transform_point(quad.ul, toUser), fz_transform_point(quad.ur, toUser),
+      fz_transform_point(quad.ll, toUser), fz_transform_point(quad.lr, toUser)};
+  double x0 = points[0].x, x1 = points[0].x, y0 = points[0].y, y1 = points[0].y;
+  for (const fz_point& p : points) {
+    x0 = std::min<double>(x0, p.x);
+    x1 = std::max<double>(x1, p.x);
+    y0 = std::min<double>(y0, p.y);
+    y1 = std::max<double>(y1, p.y);
+  }
+  return LMRect{x0, y0, x1 - x0, y1 - y0};
+}
+
+// Font names without a subset tag ("ABCDEF+Helvetica" -> "Helvetica").
+std::u16string fontName(fz_context* ctx, fz_font* font) {
+  const char* name = font ? fz_font_name(ctx, font) : nullptr;
+  std::string_view view = name ? name : "";
+  if (view.size() > 7 && view[6] == '+' &&
+      std::all_of(view.begin(), view.begin() + 6, [](char c) { return c >= 'A' && c <= 'Z'; })) {
+    view.remove_prefix(7);
+  }
+  return lmUtf16(view);
+}
+
+void appendCodePoint(std::u16string& text, int c) {
+  if (c < 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
+  // A line break inside a line would split it in two for everyone reading
+  // the page text by lines; it stands for the blank it separates.
+  if (c == '\n' || c == '\r') c = ' ';
+  if (c > 0xFFFF) {
+    c -= 0x10000;
+    text.push_back(static_cast<char16_t>(0xD800 + (c >> 10)));
+    text.push_back(static_cast<char16_t>(0xDC00 + (c & 0x3FF)));
+  } else {
+    text.push_back(static_cast<char16_t>(c));
+  }
+}
+
+// ---------------------------------------------------------------------------
+// The opened document, shared by the file and its pages so that a page may
+// outlive the file object.
+
+class MuPdfDocument {
+ public:
+  MuPdfDocument() = default;
+  MuPdfDocument(const MuPdfDocument&) = delete;
+  MuPdfDocument& operator=(const MuPdfDocument&) = delete;
+  ~MuPdfDocument() {
+    if (ctx_) {
+      pdf_drop_document(ctx_, doc_);
+      fz_flush_warnings(ctx_);
+      fz_drop_context(ctx_);
+    }
+    messages_.logSummary();
+  }
+
+  // Clones the base context and routes its messages here. False when MuPDF
+  // cannot make a context.
+  bool makeContext() {
+    fz_context* base = baseContext();
+    ctx_ = base ? fz_clone_context(base) : nullptr;
+    if (!ctx_) return false;
+    fz_set_warning_callback(ctx_, MessageCollector::onWarning, &messages_);
+    fz_set_error_callback(ctx_, MessageCollector::onError, &messages_);
+    return true;
+  }
+
+  fz_context* ctx() const { return ctx_; }
+  pdf_document* doc() const { return doc_; }
+  void setDoc(pdf_document* doc) { doc_ = doc; }
+
+ private:
+  fz_context* ctx_ = nullptr;
+  pdf_document* doc_ = nullptr;
+  MessageCollector messages_;
+};
+
+// ---------------------------------------------------------------------------
+
+class MuPdfPage final : public LMPdfFilePage {
+ public:
+  MuPdfPage(std::shared_ptr<MuPdfDocument> document, pdf_page* page, int64_t index,
+            const PageGeometry& geometry)
+      : document_(std::move(document)), page_(page), index_(index) {
+    toUser_ = fz_invert_matrix(geometry.fromUser);
+    // A page without a usable MediaBox gets the box MuPDF shows it with.
+    mediaBox_ = rectFromFz(geometry.mediaBox);
+    if (mediaBox_.width <= 0 || mediaBox_.height <= 0) mediaBox_ = rectFromFz(geometry.displayBox);
+  }
+  ~MuPdfPage() override {
+    fz_drop_page(document_->ctx(), reinterpret_cast<fz_page*>(page_));
+  }
+
+  int64_t index() const override { return index_; }
+  LMRect mediaBox() const override { return mediaBox_; }
+
+  const std::u16string& string() const override {
+    extract();
+    return text_.string;
+  }
+  const LMAttributedString& attributedString() const override {
+    extract();
+    return text_;
+  }
+  const std::vector<LMPdfTextLine>& lines() const override {
+    extract();
+    return lines_;
+  }
+
+  LMRect boundsForRange(LMTextRange range) const override {
+    extract();
+    if (!range.fitsIn(unitChars_.size())) return LMRect::null();
+    LMRect bounds = LMRect::null();
+    int32_t last = kLineBreak;
+    for (uint64_t i = range.location; i < range.end(); ++i) {
+      int32_t c = unitChars_[i];
+      if (c == kLineBreak || c == last) continue;  // inserted break, second surrogate
+      bounds = lmRectUnion(bounds, chars_[c].bounds);
+      last = c;
+    }
+    return bounds.isNull() ? LMRect::zero() : bounds;
+  }
+
+  std::optional<LMPdfFont> fontAtIndex(uint64_t index) const override {
+    extract();
+    if (index >= unitChars_.size() || unitChars_[index] == kLineBreak) return std::nullopt;
+    return fonts_[chars_[unitChars_[index]].font];
+  }
+
+  std::vector<LMPdfLink> links() const override {
+    fz_context* ctx = document_->ctx();
+    fz_link* first = loadLinks(ctx, page_);
+    std::vector<LMPdfLink> links;
+    for (fz_link* link = first; link; link = link->next) {
+      // Links to places inside the document ("#page=2") are no URLs.
+      if (!link->uri || !fz_is_external_link(ctx, link->uri)) continue;
+      links.push_back(LMPdfLink{lmUtf16(link->uri),
+                                rectFromFz(fz_transform_rect(link->rect, toUser_))});
+    }
+    fz_drop_link(ctx, first);
+    return links;
+  }
+
+ private:
+  static constexpr int32_t kLineBreak = -1;
+
+  struct Char {
+    LMRect bounds;
+    uint32_t font;
+  };
+
+  // Builds the text model on first use.
+  void extract() const {
+    if (extracted_) return;
+    extracted_ = true;
+    fz_context* ctx = document_->ctx();
+    bool complete = true;
+    fz_stext_page* text = extractText(ctx, page_, &complete);
+    if (!complete) {
+      lmLogf("PDF page %lld: text extraction stopped early", static_cast<long long>(index_));
+    }
+    if (text) {
+      build(ctx, text);
+      fz_drop_stext_page(ctx, text);
+    }
+  }
+
+  void build(fz_context* ctx, fz_stext_page* text) const {
+    std::u16string& string = text_.string;
+    std::map<std::pair<std::u16string, double>, uint32_t> fontIndex;
+    fz_font* lastFont = nullptr;
+    float lastSize = -1;
+    uint32_t lastFontIndex = 0;
+    for (fz_stext_block* block = text->first_block; block; block = block->next) {
+      if (block->type != FZ_STEXT_BLOCK_TEXT) continue;
+      for (fz_stext_line* line = block->u.t.first_line; line; line = line->next) {
+        if (!line->first_char) continue;
+        if (!string.empty()) {
+          string.push_back(u'\n');
+          unitChars_.push_back(kLineBreak);
+        }
+        const uint64_t start = string.size();
+        LMRect bounds = LMRect::null();
+        for (fz_stext_char* c = line->first_char; c; c = c->next) {
+          if (c->font != lastFont || c->size != lastSize) {
+            // Rounded so that float noise in text matrices does not split runs.
+            const double size = std::round(static_cast<double>(c->size) * 100) / 100;
+            auto key = std::make_pair(fontName(ctx, c->font), size);
+            auto [it, inserted] = fontIndex.try_emplace(key, static_cast<uint32_t>(fonts_.size()));
+            if (inserted) fonts_.push_back(LMPdfFont{key.first, size});
+            lastFont = c->font;
+            lastSize = c->size;
+            lastFontIndex = it->second;
+          }
+          const int32_t index = static_cast<int32_t>(chars_.size());
+          chars_.push_back(Char{userRect(c->quad, toUser_), lastFontIndex});
+          bounds = lmRectUnion(bounds, chars_.back().bounds);
+          appendCodePoint(string, c->c);
+          unitChars_.resize(string.size(), index);
+        }
+        lines_.push_back(LMPdfTextLine{LMTextRange::make(start, string.size() - start), bounds});
+      }
+    }
+    buildRuns();
+  }
+
+  // Runs of characters with the same font and size. Each inserted line break
+  // stands in a run of its own without attributes, so the runs cover the
+  // whole string and agree with fontAtIndex.
+  void buildRuns() const {
+    uint64_t i = 0;
+    while (i < unitChars_.size()) {
+      const int32_t c = unitChars_[i];
+      uint64_t end = i + 1;
+      if (c == kLineBreak) {
+        text_.runs.push_back(LMAttributeRun{LMTextRange::make(i, 1), LMDictionary()});
+        i = end;
+        continue;
+      }
+      const uint32_t font = chars_[c].font;
+      while (end < unitChars_.size() && unitChars_[end] != kLineBreak &&
+             chars_[unitChars_[end]].font == font) {
+        ++end;
+      }
+      LMDictionary attributes;
+      attributes.set(kLMPdfFontNameAttribute, LMValue(fonts_[font].name));
+      attributes.set(kLMPdfFontSizeAttribute, LMValue(fonts_[font].size));
+      text_.runs.push_back(LMAttributeRun{LMTextRange::make(i, end - i), std::move(attributes)});
+      i = end;
+    }
+  }
+
+  std::shared_ptr<MuPdfDocument> document_;
+  pdf_page* page_;
+  int64_t index_;
+  fz_matrix toUser_;
+  LMRect mediaBox_;
+
+  // The text model, built on first use (one thread uses a page at a time).
+  mutable bool extracted_ = false;
+  mutable LMAttributedString text_;
+  mutable std::vector<LMPdfTextLine> lines_;
+  mutable std::vector<Char> chars_;
+  mutable std::vector<LMPdfFont> fonts_;
+  // For every UTF-16 unit of the string: its character in chars_, or
+  // kLineBreak for a line break inserted between lines.
+  mutable std::vector<int32_t> unitChars_;
+};
+
+// ---------------------------------------------------------------------------
+
+class MuPdfFile final : public LMPdfFile {
+ public:
+  MuPdfFile(std::shared_ptr<MuPdfDocument> document, int pageCount,
+            std::optional<std::u16string> creator, std::optional<std::u16string> producer)
+      : document_(std::move(document)),
+        pages_(static_cast<size_t>(pageCount)),
+        loaded_(static_cast<size_t>(pageCount), false),
+        creator_(std::move(creator)),
+        producer_(std::move(producer)) {}
+
+  int64_t pageCount() const override { return static_cast<int64_t>(pages_.size()); }
+
+  std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const override {
+    if (index < 0 || index >= pageCount()) return nullptr;
+    const size_t i = static_cast<size_t>(index);
+    if (!loaded_[i]) {
+      // A page that cannot be read is not tried again.
+      loaded_[i] = true;
+      PageGeometry geometry{};
+      pdf_page* page = loadPage(document_->ctx(), document_->doc(), static_cast<int>(index),
+                                &geometry);
+      if (page) pages_[i] = std::make_shared<MuPdfPage>(document_, page, index, geometry);
+    }
+    return pages_[i];
+  }
+
+  std::optional<std::u16string> creator() const override { return creator_; }
+  std::optional<std::u16string> producer() const override { return producer_; }
+
+  std::optional<std::u16string> string() const override {
+    std::u16string text;
+    bool anyText = false;
+    for (int64_t i = 0; i < pageCount(); ++i) {
+      if (i > 0) text.push_back(u'\n');
+      if (auto page = pageAtIndex(i)) {
+        text += page->string();
+        anyText = anyText || !page->string().empty();
+      }
+    }
+    if (!anyText) return std::nullopt;
+    return text;
+  }
+
+ private:
+  std::shared_ptr<MuPdfDocument> document_;
+  mutable std::vector<std::shared_ptr<const LMPdfFilePage>> pages_;
+  mutable std::vector<bool> loaded_;
+  std::optional<std::u16string> creator_;
+  std::optional<std::u16string> producer_;
+};
+
+std::optional<std::u16string> optionalText(const char* utf8) {
+  if (!utf8) return std::nullopt;
+  return lmUtf16(utf8);
+}
+
+}  // namespace
+
+std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes) {
+  if (bytes.empty()) return nullptr;
+  auto document = std::make_shared<MuPdfDocument>();
+  if (!document->makeContext()) return nullptr;
+  fz_context* ctx = document->ctx();
+  document->setDoc(openDocument(ctx, bytes.data(), bytes.size()));
+  if (!document->doc()) return nullptr;
+  const int pageCount = countPages(ctx, document->doc());
+  if (pageCount < 0) return nullptr;
+  auto creator = optionalText(infoText(ctx, document->doc(), PDF_NAME(Creator)));
+  auto producer = optionalText(infoText(ctx, document->doc(), PDF_NAME(Producer)));
+  return std::make_shared<MuPdfFile>(std::move(document), pageCount, std::move(creator),
+                                     std::move(producer));
+}
