@@ -1,0 +1,181 @@
+#include "document/pdf_page.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "kit/diagnostics.h"
+#include "recognizers/regex.h"
+
+namespace {
+
+// Replaces every match of `pattern` in `text` by `replacement`, unit for unit.
+// The patterns used here are character classes, so each match is one unit.
+void replaceMatches(const LMRegex& pattern, std::u16string& text, char16_t replacement) {
+  std::vector<LMTextRange> found;
+  pattern.enumerateMatchesInString(
+      text, [&](const LMRegexMatch& match, bool*) { found.push_back(match.range()); });
+  for (const LMTextRange& range : found) {
+    for (uint64_t i = range.location; i < range.end() && i < text.size(); ++i) {
+      text[i] = replacement;
+    }
+  }
+}
+
+struct Cleaning {
+  std::shared_ptr<const LMRegex> pattern;
+  char16_t replacement;
+};
+
+// The cleaning steps after NUL, in the order they run.
+const std::vector<Cleaning>& cleaningSteps() {
+  static const auto* steps = new std::vector<Cleaning>{
+      // No-break and typographic spaces become line breaks, not blanks: on
+      // purpose, a no-break space in a line splits it.
+      {LMRegex::regexWithPattern(
+           u"[\\u00A0\\u1680\\u180E\\u2000-\\u200A\\u2028\\u2029\\u202F\\u205F\\u3000"
+           u"\\n\\r\\uFFFC]",
+           0, true),
+       u'\n'},
+      {LMRegex::regexWithPattern(u"[\\-\\u2011\\u2043\\u2012\\u2013\\u2014\\u2022]", 0, true),
+       u'-'},
+      {LMRegex::regexWithPattern(u"[\\u0060\\u2018\\u2019']", 0, true), u'\''},
+      {LMRegex::regexWithPattern(u"[\\u201C\\u201D]", 0, true), u'"'},
+  };
+  return *steps;
+}
+
+// True when `v` is `target` or its magnitude lies within the A4 tolerance.
+bool nearSide(double v, double target) {
+  return v == target || std::fabs(std::fabs(v) - target) < 47.6;
+}
+
+// Order of the lines: higher on the page first, then further left. Lines
+// whose origin is not a number go last so that the order stays strict.
+bool lineBefore(const LMPDFLine& a, const LMPDFLine& b) {
+  const bool aNaN = std::isnan(a.bbox.y);
+  const bool bNaN = std::isnan(b.bbox.y);
+  if (aNaN != bNaN) return bNaN;
+  if (!aNaN && a.bbox.y != b.bbox.y) return a.bbox.y > b.bbox.y;
+  return a.bbox.x < b.bbox.x || (std::isnan(b.bbox.x) && !std::isnan(a.bbox.x));
+}
+
+bool lineLeftOf(const LMPDFLine* a, const LMPDFLine* b) {
+  return a->bbox.x < b->bbox.x || (std::isnan(b->bbox.x) && !std::isnan(a->bbox.x));
+}
+
+LMDictionary lineAttributes(const LMPDFLine& line) {
+  return LMDictionary{{kLMPDFLineBoxAttribute, LMValue(lmStringFromRect(line.bbox))},
+                      {kLMPDFLineRangeAttribute, LMValue(lmStringFromRange(line.range))}};
+}
+
+void appendLine(LMAttributedString& text, const LMPDFLine& line) {
+  if (!line.string.empty()) {
+    text.runs.push_back(LMAttributeRun{
+        LMTextRange::make(text.string.size(), line.string.size()), lineAttributes(line)});
+  }
+  text.string += line.string;
+}
+
+}  // namespace
+
+LMAttributedString LMPDFLine::attributedString() const {
+  LMAttributedString text;
+  appendLine(text, *this);
+  return text;
+}
+
+LMPDFPage::LMPDFPage(std::shared_ptr<const LMPdfFilePage> page, int64_t pageNumber)
+    : pdfPage_(page), pageNumber_(pageNumber) {
+  LMAssert(page);
+  LMAssert(pageNumber >= 0);
+  classifyFormat();
+  extractLines();
+  buildText();
+}
+
+std::u16string LMPDFPage::normalizePDFString(std::u16string_view text) {
+  std::u16string cleaned(text);
+  std::replace(cleaned.begin(), cleaned.end(), u'\0', u'\n');
+  for (const Cleaning& step : cleaningSteps()) {
+    replaceMatches(*step.pattern, cleaned, step.replacement);
+  }
+  return cleaned;
+}
+
+void LMPDFPage::classifyFormat() {
+  const LMRect box = pdfPage_ ? pdfPage_->mediaBox() : LMRect::zero();
+  const double width = box.width;
+  const double height = box.height;
+  const double shortSide = std::min(width, height);
+  const double longSide = std::max(width, height);
+  letter_ = nearSide(shortSide, 595) && nearSide(longSide, 842);
+  landscape_ = longSide != height;
+}
+
+void LMPDFPage::extractLines() {
+  if (!pdfPage_) return;
+  const std::u16string& raw = pdfPage_->string();
+  if (raw.empty()) return;
+  // Cleaning maps unit to unit, so cleaning the page text once and cutting
+  // each line out of it gives each line's own cleaned text.
+  const std::u16string cleaned = normalizePDFString(raw);
+  const std::vector<LMPdfTextLine>& found = pdfPage_->lines();
+  lines_.reserve(found.size());
+  for (const LMPdfTextLine& source : found) {
+    LMTextRange range = source.range;
+    if (!range.fitsIn(raw.size())) {
+      // Keep what lies inside the text.
+      const uint64_t location = std::min<uint64_t>(range.location, raw.size());
+      range = LMTextRange::make(location, std::min(range.length, raw.size() - location));
+    }
+    LMPDFLine line;
+    line.string = cleaned.substr(range.location, range.length);
+    line.bbox = source.bounds.isNull() ? LMRect::zero() : source.bounds;
+    line.range = range;
+    lines_.push_back(std::move(line));
+  }
+  std::stable_sort(lines_.begin(), lines_.end(), lineBefore);
+}
+
+void LMPDFPage::buildText() {
+  // Rows: consecutive lines whose vertical extents share a band.
+  std::vector<std::vector<const LMPDFLine*>> rows;
+  std::vector<const LMPDFLine*> row;
+  LMRect band = LMRect::infinite();
+  for (const LMPDFLine& line : lines_) {
+    const LMRect strip{0, line.bbox.y, 1, line.bbox.height};
+    if (lmRectIntersects(band, strip)) {
+      band = lmRectIntersection(band, strip);
+    } else {
+      rows.push_back(std::move(row));
+      row.clear();
+      // Kept on purpose: the line that broke the band does not set the new
+      // band, so the next line always joins its row.
+      band = LMRect::infinite();
+    }
+    row.push_back(&line);
+  }
+  rows.push_back(std::move(row));
+
+  LMAttributedString text;
+  for (size_t r = 0; r < rows.size(); ++r) {
+    if (r > 0) text.string += u'\n';
+    std::stable_sort(rows[r].begin(), rows[r].end(), lineLeftOf);
+    for (size_t i = 0; i < rows[r].size(); ++i) {
+      if (i > 0) text.string += u'\n';
+      appendLine(text, *rows[r][i]);
+    }
+  }
+  attributedString_ = std::move(text);
+}
+
+LMTextRange LMPDFPage::originalRangeForRange(LMTextRange range) const {
+  uint64_t total = 0;
+  for (const LMPDFLine& line : lines_) {
+    total += line.range.length + 1;
+    // Unsigned on purpose: the location wraps around when total exceeds it.
+    if (total > range.location) return LMTextRange::make(line.range.location - total, range.length);
+  }
+  return LMTextRange::make(kLMNotFound, 0);
+}
