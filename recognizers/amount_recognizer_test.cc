@@ -1,0 +1,130 @@
+#include "recognizers/amount_recognizer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "kit/unicode.h"
+#include "recognizers/regex.h"
+
+namespace {
+
+std::vector<LMDictionary> find(std::u16string_view text) {
+  return LMReceiptParserAmount().findAmountInText(text);
+}
+
+TEST(AmountRecognizerTest, ReadsSeparatorsAndPlaces) {
+  struct Case {
+    std::u16string text;
+    int64_t amount;
+    int64_t places;
+  } cases[] = {
+      {u"1.234,56", 123456, 2},
+      {u"1,234.56", 123456, 2},
+      {u"1'234.50", 123450, 2},
+      {u"12,34", 1234, 2},
+      {u"12", 1200, 0},
+      {u"1.234", 123400, 0},  // three digits after a separator are thousands
+      {u"1,999", 199900, 0},
+      {u"1.234.567,89", 123456789, 2},
+      {u"12.345.678", 1234567800, 0},
+      {u"1.2345", 123, 4},  // cut to hundredths, not rounded
+      {u"1,9999", 199, 4},
+      {u"-7,50", -750, 2},
+      {u"0,50", 50, 2},
+      {u"-0,50", -50, 2},
+      {u"5,-", 500, 2},
+      {u"5,\u2013", 500, 2},
+      {u"5.\u2014", 500, 2},
+      {u"5,\u2015", 500, 2},
+      {u"-5,-", -500, 2},
+      {u"1.234,\u2013", 123400, 2},
+      {u"A123", 12300, 0},  // only digits, "," and "." are refused before a number
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(lmUtf8(c.text));
+    const auto found = find(c.text);
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(c.amount, found[0].at(u"amount").toInt());
+    EXPECT_EQ(c.places, found[0].at(u"places").toInt());
+  }
+}
+
+TEST(AmountRecognizerTest, RefusesNumbersGluedToSeparatorsOrWithLeadingZeros) {
+  const std::u16string texts[] = {
+      u"1,5",      // "1" is followed by ",", "5" stands behind one
+      u"12.3",     //
+      u"01234",    // postal code
+      u"01069 Dresden",
+      u"00,50",
+      u"0001",
+      u"12,",      // a trailing separator is refused as well
+      u".5",
+      u"",
+      u"keine Zahl",
+  };
+  for (const std::u16string& text : texts) {
+    SCOPED_TRACE(lmUtf8(text));
+    EXPECT_TRUE(find(text).empty());
+  }
+}
+
+TEST(AmountRecognizerTest, ReportsEveryFindingInTextOrderWithItsRange) {
+  const std::u16string text =
+      u"Menge 2 x 3,20 EUR\nPLZ 01234 Summe 1.005,55\nRabatt -0,42";
+  struct Seen {
+    LMTextRange range;
+    int64_t amount;
+    int64_t places;
+    bool hadCurrency;
+    LMDictionary info;
+  };
+  std::vector<Seen> seen;
+  const auto found = LMReceiptParserAmount().findAmountInText(
+      text, [&](std::u16string_view searched, LMTextRange range, int64_t amount, int64_t places,
+                const std::u16string* currency, const LMDictionary& info) {
+        EXPECT_EQ(text.data(), searched.data());
+        seen.push_back({range, amount, places, currency != nullptr, info});
+      });
+
+  const std::vector<std::u16string> strings = {u"2", u"3,20", u"1.005,55", u"-0,42"};
+  ASSERT_EQ(strings.size(), found.size());
+  ASSERT_EQ(found.size(), seen.size());  // the skipped postal code reaches neither
+  for (size_t i = 0; i < found.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(found[i], seen[i].info);
+    EXPECT_EQ(strings[i], *found[i].at(u"stringOriginal").asString());
+    EXPECT_EQ(strings[i], text.substr(seen[i].range.location, seen[i].range.length));
+    EXPECT_EQ(found[i].at(u"amount").toInt(), seen[i].amount);
+    EXPECT_EQ(found[i].at(u"places").toInt(), seen[i].places);
+    EXPECT_FALSE(seen[i].hadCurrency);
+  }
+  EXPECT_EQ((std::vector<std::u16string>{u"amount", u"currency", u"places", u"stringOriginal"}),
+            found[2].keys());
+  EXPECT_TRUE(found[2].at(u"currency").isNull());
+  EXPECT_EQ(100555, found[2].at(u"amount").toInt());
+  EXPECT_NE(nullptr, found[2].at(u"amount").asInt());
+}
+
+TEST(AmountRecognizerTest, PatternIsCompiledAsWritten) {
+  EXPECT_EQ(312u, LMReceiptParserAmount::amountPattern().size());
+  const LMRegex& regex = LMReceiptParserAmount::amountRegularExpression();
+  ASSERT_NE(nullptr, regex.compiled());
+  EXPECT_EQ(regex.pattern(), regex.rewrittenPattern());
+  EXPECT_EQ(kLMRegexDefaultOptions, regex.options());
+}
+
+TEST(AmountRecognizerTest, KeepsItsOwnCurrencyTable) {
+  EXPECT_EQ(14u, LMReceiptParserAmount::currencyAliases().size());
+  EXPECT_EQ((std::vector<std::u16string>{u"AUD", u"CHF", u"EUR", u"GBP", u"USD"}),
+            LMReceiptParserAmount::currenciesSupported());
+  const LMRegex& regex = LMReceiptParserAmount::currencyRegularExpression();
+  ASSERT_NE(nullptr, regex.compiled());
+  // Unlike the currency recognizer's, this table has "£", and a longer alias
+  // must not touch any word character, digits included.
+  EXPECT_EQ((std::vector<std::u16string>{u"\u00A3", u"EUR", u"Euro"}),
+            regex.allStringMatchesinString(u"\u00A3 5, 12EUR, EUR 3, Euro, neuro"));
+}
+
+}  // namespace

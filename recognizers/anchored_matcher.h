@@ -1,0 +1,45 @@
+// Trying a compiled pattern at chosen positions of a text only.
+//
+// A search that knows where its matches can begin (a date begins with a digit
+// or a month name) can skip all other positions instead of letting the engine
+// try each one. Trying the pattern at every position where a match can begin,
+// left to right, and going on after the end of each match found, gives
+// exactly the matches of a full search, as long as no position where a match
+// can begin is skipped.
+#pragma once
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "recognizers/regex.h"
+
+U_NAMESPACE_BEGIN
+class RegexMatcher;
+class UnicodeString;
+U_NAMESPACE_END
+
+// Not thread-safe; make one per search. `regex` and `text` must outlive it
+// and the matches it hands out.
+class LMAnchoredMatcher {
+ public:
+  LMAnchoredMatcher(const LMRegex& regex, std::u16string_view text);
+  ~LMAnchoredMatcher();
+  LMAnchoredMatcher(const LMAnchoredMatcher&) = delete;
+  LMAnchoredMatcher& operator=(const LMAnchoredMatcher&) = delete;
+
+  // False when the pattern did not compile or the text is too long to search;
+  // matchAt then finds nothing.
+  bool usable() const { return matcher_ != nullptr; }
+
+  // The match that begins exactly at `start`, as a search of the whole text
+  // would find it there: look-behind and look-ahead see the text on both
+  // sides. nullopt when the pattern does not match at `start`.
+  std::optional<LMRegexMatch> matchAt(size_t start);
+
+ private:
+  const LMRegex& regex_;
+  std::u16string_view text_;
+  std::unique_ptr<icu::UnicodeString> input_;  // aliases text_
+  std::unique_ptr<icu::RegexMatcher> matcher_;
+};
