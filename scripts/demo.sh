@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the main job on the bundled sample.
+# Installs what is missing, builds, and analyses the bundled sample receipt:
+# first the one-line summary, then the whole result as JSON.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 cmake -S . -B build >/dev/null
-cmake --build build -j2 --target lm_smoke
-./build/lm_smoke testdata/sample-receipt.txt
+cmake --build build -j2 --target lmreceipt
+./build/lmreceipt analyze --format summary --tax 19 --tax 7 testdata/sample-receipt.pdf
+./build/lmreceipt analyze --tax 19 --tax 7 testdata/sample-receipt.pdf

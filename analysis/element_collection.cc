@@ -1,0 +1,197 @@
+// Element collection: runs the recognizers over every page's normalized text
+// and turns each finding into a found element placed on its page.
+#include <algorithm>
+
+#include "analysis/receipt_parser.h"
+#include "document/pdf_page.h"
+#include "document/receipt_document.h"
+#include "document/text_normalization.h"
+#include "kit/strings.h"
+#include "recognizers/amount_recognizer.h"
+#include "recognizers/bank_recognizer.h"
+#include "recognizers/currency_recognizer.h"
+#include "recognizers/data_detector.h"
+#include "recognizers/date_recognizer.h"
+#include "recognizers/term_recognizer.h"
+
+namespace {
+
+bool isWebLink(const std::u16string& lowered) {
+  return lowered.starts_with(u"http:") || lowered.starts_with(u"https:") ||
+         lowered.starts_with(u"www.");
+}
+
+// What every element of one page shares.
+struct PageContext {
+  LMReceiptDocument* doc;
+  const LMPdfFilePage* pdfPage;
+  int64_t index;
+  const std::u16string* normalized;
+  LMRect pageBox;
+  bool ocr;
+  bool letter;
+  bool landscape;
+
+  void setUp(LMFoundElement& e, LMTextRange range) const {
+    std::optional<LMPdfFont> font;
+    if (pdfPage) font = pdfPage->fontAtIndex(range.location);
+    if (range.fitsIn(normalized->size())) {
+      e.setString(normalized->substr(range.location, range.length));
+    }
+    e.setOcr(ocr);
+    e.setLetter(letter);
+    e.setLandscape(landscape);
+    e.setPage(index);
+    e.setBbox(doc->boundsForTextRange(range, index));
+    e.setRange(range);
+    // Nothing assigns a font weight, so no element is ever bold.
+    e.setBold(e.weightOfFont() > 7);
+    e.setFontSize(font ? font->size : 0);
+    e.setPageBox(pageBox);
+    e.setDebugInfo(*e.jsonObject().asDictionary());
+  }
+};
+
+std::u16string matchedText(std::u16string_view text, LMTextRange range) {
+  if (!range.fitsIn(text.size())) return std::u16string();
+  return std::u16string(text.substr(range.location, range.length));
+}
+
+}  // namespace
+
+void LMReceiptParser::parseElements() {
+  Numbers numbers;
+  Dates dates;
+  std::vector<std::u16string> addresses;
+  std::vector<std::u16string> links;
+  Elements currencyFindings;
+  Terms termFindings;
+  Terms termTaxFindings;
+  if (!content_) content_ = std::u16string();
+
+  const int64_t pageCount = doc_ ? doc_->pageCount() : 0;
+  for (int64_t i = 0; i < pageCount; ++i) {
+    std::shared_ptr<const LMPdfFilePage> pdfPage = doc_->pdfDoc()->pageAtIndex(i);
+    const LMPDFPage page(pdfPage, i);
+    content_->append(page.string());
+
+    const LMAttributedString* attributed = doc_->attributedStringForPage(i);
+    if (!attributed || attributed->length() == 0) continue;
+    if (page.isLetter()) letter_ = true;
+    if (page.isLandscape()) landscape_ = true;
+
+    const std::u16string normalized = LMPDFPage::normalizePDFString(attributed->string);
+    const PageContext context{doc_.get(),     pdfPage.get(), i, &normalized,
+                              pdfPage ? pdfPage->mediaBox() : LMRect::zero(),
+                              ocr_,           page.isLetter(), page.isLandscape()};
+
+    LMReceiptParserCurrency currencies;
+    currencies.findInText(
+        normalized, ocr_,
+        [&](std::u16string_view, LMTextRange range, const std::u16string* code) {
+          auto e = std::make_shared<LMFoundElement>();
+          if (code) e->setKey(*code);
+          context.setUp(*e, range);
+          currencyFindings.push_back(e);
+        });
+    // The last page with text decides, also when it names no currency.
+    currency_ = currencies.currencyCode() ? LMValue(*currencies.currencyCode()) : LMValue();
+
+    auto termBlock = [&](Terms& into) {
+      return [&context, &into](std::u16string_view, LMTextRange range, const LMDictionary& info) {
+        auto t = std::make_shared<LMFoundTerm>();
+        t->setKey(info.at(u"key").toString());
+        t->setTermInfo(LMValue(info));
+        context.setUp(*t, range);
+        into.push_back(t);
+      };
+    };
+    LMReceiptParserTerm().findInText(normalized, ocr_, termBlock(termFindings));
+    LMReceiptParserTerm().findTaxTermsInText(normalized, ocr_, termBlock(termTaxFindings));
+
+    std::u16string dateText = normalized;
+    if (ocr_) {
+      normalizeLike(dateText, u"'");
+      normalizeLike(dateText, u"-");
+      normalizeLike(dateText, u".");
+    }
+    LMReceiptParserDate().findDatesInText(
+        dateText, [&](std::u16string_view text, LMTextRange range, const LMDate& date) {
+          auto d = std::make_shared<LMFoundDate>();
+          d->setDate(date);
+          d->setDateString(matchedText(text, range));
+          context.setUp(*d, range);
+          dates.push_back(d);
+        });
+
+    LMArray banks;
+    for (LMDictionary& finding : LMReceiptParserBank().findBankInfoInText(normalized)) {
+      banks.emplace_back(std::move(finding));
+    }
+    banks_ = LMValue(std::move(banks));
+
+    if (pdfPage) {
+      for (const LMPdfLink& link : pdfPage->links()) {
+        std::u16string lowered = lmLower(link.url);
+        if (isWebLink(lowered)) links.push_back(std::move(lowered));
+      }
+    }
+
+    // The detector's dates are a fallback for documents in which the date
+    // recognizer found nothing so far.
+    const bool noDatesYet = dates.empty();
+    for (const LMDetectedItem& item : LMDataDetector().findInText(normalized)) {
+      switch (item.type) {
+        case LMDetectedType::kDate:
+          if (noDatesYet && item.date) {
+            auto d = std::make_shared<LMFoundDate>();
+            d->setDate(item.date);
+            d->setDateString(matchedText(normalized, item.range));
+            context.setUp(*d, item.range);
+            dates.push_back(d);
+          }
+          break;
+        case LMDetectedType::kLink: {
+          std::u16string lowered = lmLower(matchedText(normalized, item.range));
+          if (isWebLink(lowered)) links.push_back(std::move(lowered));
+          break;
+        }
+        case LMDetectedType::kAddress: {
+          std::u16string description = LMValue(item.addressComponents).description();
+          if (!address_) address_ = description;
+          addresses.push_back(std::move(description));
+          break;
+        }
+      }
+    }
+
+    std::u16string amountText = normalized;
+    if (ocr_) {
+      normalizeLike(amountText, u"'");
+      normalizeLike(amountText, u"-");
+    }
+    LMReceiptParserAmount().findAmountInText(
+        amountText, [&](std::u16string_view text, LMTextRange range, int64_t amount,
+                        int64_t places, const std::u16string*, const LMDictionary& info) {
+          // Kept as it is: the overlap test compares character ranges only,
+          // so a date on another page at the same positions hides an amount.
+          const bool insideDate = std::any_of(dates.begin(), dates.end(), [&](const auto& d) {
+            return d->range().intersects(range);
+          });
+          if (insideDate) return;
+          auto n = std::make_shared<LMFoundNumber>(amount, static_cast<uint64_t>(places));
+          n->setNumberString(matchedText(text, range));
+          n->setFeatures(info);
+          context.setUp(*n, range);
+          numbers.push_back(n);
+        });
+  }
+
+  numbers_ = std::move(numbers);
+  dates_ = std::move(dates);
+  addresses_ = std::move(addresses);
+  links_ = std::move(links);
+  currencyFindings_ = std::move(currencyFindings);
+  termFindings_ = std::move(termFindings);
+  termTaxFindings_ = std::move(termTaxFindings);
+}

@@ -1,0 +1,86 @@
+#include "analysis/receipt_parser.h"
+
+#include "document/receipt_document.h"
+#include "kit/diagnostics.h"
+
+namespace {
+
+template <typename T>
+LMValue objectsOrNull(const std::optional<std::vector<std::shared_ptr<T>>>& objects) {
+  if (!objects) return LMValue::null();
+  LMArray array;
+  array.reserve(objects->size());
+  for (const auto& o : *objects) array.emplace_back(o);
+  return LMValue(std::move(array));
+}
+
+LMValue textsOrNull(const std::optional<std::vector<std::u16string>>& texts) {
+  if (!texts) return LMValue::null();
+  LMArray array(texts->begin(), texts->end());
+  return LMValue(std::move(array));
+}
+
+template <typename T>
+LMValue valueOrNull(const std::optional<T>& value) {
+  return value ? LMValue(*value) : LMValue::null();
+}
+
+LMValue orNull(const LMValue& value) { return value.isNil() ? LMValue::null() : value; }
+
+}  // namespace
+
+LMReceiptParser::LMReceiptParser() = default;
+LMReceiptParser::~LMReceiptParser() = default;
+
+bool LMReceiptParser::work() {
+  LMAssert(doc_);
+  text_ = doc_ ? doc_->text() : std::nullopt;
+  ocr_ = doc_ && doc_->isOCR();
+  content_ = std::u16string();
+  factors_ = LMDictionary();
+  LMAssert(text_);
+  if (!text_) return true;
+  parseElements();
+  analyzeAmountElements();
+  analyzeTaxElements();
+  analyzeDateElements();
+  return true;
+}
+
+LMDictionary LMReceiptParser::result() const {
+  LMValue text = LMValue::null();
+  if (content_ && !content_->empty()) {
+    text = *content_;
+  } else if (text_) {
+    text = *text_;
+  }
+  return LMDictionary{
+      {u"ocr", ocr_},
+      {u"letter", letter_},
+      {u"landscape", landscape_},
+      {u"date", valueOrNull(date_)},
+      {u"dates", objectsOrNull(dates_)},
+      {u"terms", objectsOrNull(termFindings_)},
+      {u"taxTerms", objectsOrNull(termTaxFindings_)},
+      {u"net", valueOrNull(net_)},
+      {u"gross", valueOrNull(gross_)},
+      {u"numbers", objectsOrNull(numbers_)},
+      {u"currency", orNull(currency_)},
+      {u"currencies", objectsOrNull(currencyFindings_)},
+      {u"taxes", orNull(taxes_)},
+      // Rate and per-rate values are part of the result's shape but no stage
+      // computes them yet.
+      {u"taxPercent", LMValue::null()},
+      {u"taxValues", LMValue::null()},
+      {u"tax", valueOrNull(tax_)},
+      {u"links", textsOrNull(links_)},
+      {u"addresses", textsOrNull(addresses_)},
+      {u"banks", orNull(banks_)},
+      {u"text", text},
+      {u"factors", factors_},
+  };
+}
+
+std::u16string LMReceiptParser::description() const {
+  return u"<LMReceiptParser:\n" + LMValue(result()).description() + u">";
+}

@@ -1,0 +1,113 @@
+// LMReceiptParser: the analysis of one opened receipt document.
+//
+// Set doc, defaultCurrency and taxes, call work() once, then read result().
+// work() runs four stages in a fixed order: element collection (every page's
+// amounts, dates, terms, currencies, bank accounts, links and addresses become
+// found elements), gross amount analysis, tax analysis and date analysis.
+//
+// A parser is used once, by one thread. Values of the wrong kind in `taxes`
+// (anything but an array of numbers or numeric texts) throw
+// std::invalid_argument from work(); everything else fails soft.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "elements/found_date.h"
+#include "elements/found_element.h"
+#include "elements/found_number.h"
+#include "elements/found_term.h"
+#include "kit/decimal.h"
+#include "kit/value.h"
+
+class LMReceiptDocument;
+
+class LMReceiptParser {
+ public:
+  using Numbers = std::vector<std::shared_ptr<LMFoundNumber>>;
+  using Dates = std::vector<std::shared_ptr<LMFoundDate>>;
+  using Terms = std::vector<std::shared_ptr<LMFoundTerm>>;
+  using Elements = std::vector<std::shared_ptr<LMFoundElement>>;
+
+  LMReceiptParser();
+  ~LMReceiptParser();
+
+  // The document to analyse.
+  void setDoc(std::shared_ptr<LMReceiptDocument> doc) { doc_ = std::move(doc); }
+  const std::shared_ptr<LMReceiptDocument>& doc() const { return doc_; }
+  // Currency code to fall back on when no currency is found near the gross;
+  // passed through as it came (normally a text).
+  void setDefaultCurrency(LMValue currency) { defaultCurrency_ = std::move(currency); }
+  // Tax rates in percent (e.g. 19, 7); echoed in the result.
+  void setTaxes(LMValue taxes) { taxes_ = std::move(taxes); }
+
+  // Runs the whole analysis; always answers true.
+  bool work();
+  // The 21-key result dictionary built from the current state; the null
+  // marker stands for every missing value, "factors" is always an (empty)
+  // dictionary. Found elements stay shared objects inside it.
+  LMDictionary result() const;
+  // "<LMReceiptParser:\n" + the result's description + ">".
+  std::u16string description() const;
+
+  // State after work().
+  const std::optional<std::u16string>& text() const { return text_; }
+  bool isOcr() const { return ocr_; }
+  const std::optional<Numbers>& numbers() const { return numbers_; }
+  const std::optional<Dates>& dates() const { return dates_; }
+  const std::optional<std::vector<std::u16string>>& addresses() const { return addresses_; }
+  const std::optional<std::vector<std::u16string>>& links() const { return links_; }
+  const std::optional<LMDecimal>& gross() const { return gross_; }
+  const std::optional<LMDecimal>& net() const { return net_; }
+  const std::optional<LMDecimal>& tax() const { return tax_; }
+  // Normally a currency code text; nil when none was found or given.
+  const LMValue& currency() const { return currency_; }
+  const std::optional<LMDate>& date() const { return date_; }
+  const std::optional<std::u16string>& address() const { return address_; }
+
+  // The stages, in the order work() runs them. Public for tests that feed
+  // hand-made elements to a single stage.
+  void parseElements();
+  void analyzeAmountElements();
+  void analyzeTaxElements();
+  void analyzeDateElements();
+
+  // Inputs of the analysis stages, filled by parseElements().
+  void setNumbers(Numbers numbers) { numbers_ = std::move(numbers); }
+  void setDates(Dates dates) { dates_ = std::move(dates); }
+  void setCurrencyFindings(Elements e) { currencyFindings_ = std::move(e); }
+  void setTermFindings(Terms t) { termFindings_ = std::move(t); }
+  void setTermTaxFindings(Terms t) { termTaxFindings_ = std::move(t); }
+  void setCurrency(LMValue currency) { currency_ = std::move(currency); }
+  void setGross(std::optional<LMDecimal> gross) { gross_ = gross; }
+
+ private:
+  std::shared_ptr<LMReceiptDocument> doc_;
+  LMValue defaultCurrency_;
+  LMValue taxes_;
+
+  std::optional<std::u16string> text_;
+  bool ocr_ = false;
+  std::optional<Numbers> numbers_;
+  std::optional<Dates> dates_;
+  std::optional<std::vector<std::u16string>> addresses_;
+  std::optional<std::vector<std::u16string>> links_;
+  std::optional<LMDecimal> gross_;
+  std::optional<LMDecimal> net_;
+  std::optional<LMDecimal> tax_;
+  LMValue currency_;
+  std::optional<LMDate> date_;
+  std::optional<std::u16string> dateString_;  // declared, never filled
+  std::optional<std::u16string> address_;
+
+  std::optional<std::u16string> content_;
+  LMDictionary factors_;
+  std::optional<Elements> currencyFindings_;
+  std::optional<Terms> termFindings_;
+  std::optional<Terms> termTaxFindings_;
+  LMValue banks_;
+  bool letter_ = false;
+  bool landscape_ = false;
+};

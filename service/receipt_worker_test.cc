@@ -1,0 +1,167 @@
+#include "service/receipt_worker.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "kit/diagnostics.h"
+
+namespace {
+
+LMData fixture(const std::string& name) {
+  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/" + name, std::ios::binary);
+  return LMData((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// A PDF whose page tree is empty.
+LMData zeroPagePdf() {
+  const std::string pdf =
+      "%PDF-1.4\n1 0 obj <</Type /Catalog /Pages 2 0 R>> endobj\n"
+      "2 0 obj <</Type /Pages /Kids [] /Count 0>> endobj\n"
+      "trailer <</Root 1 0 R>>\n%%EOF\n";
+  return LMData(pdf.begin(), pdf.end());
+}
+
+class QuietLog : public testing::Test {
+ protected:
+  void SetUp() override {
+    lmSetLogSink([this](std::string_view line) { log.emplace_back(line); });
+  }
+  void TearDown() override { lmSetLogSink({}); }
+  std::vector<std::string> log;
+};
+
+using ReceiptWorkerTest = QuietLog;
+using WorkerRuntimeTest = QuietLog;
+
+TEST_F(ReceiptWorkerTest, AnalysesTheSampleWithDefaults) {
+  const LMXPCReply reply = lmPerformReceiptTask(LMDictionary{{u"data", fixture("sample-receipt.pdf")}});
+  ASSERT_FALSE(reply.error) << std::string(reply.error->message.begin(), reply.error->message.end());
+  const LMDictionary& result = *reply.result->asDictionary();
+  EXPECT_EQ(22u, result.size());
+  EXPECT_EQ(u"15.3", result.at(u"gross").toString());
+  EXPECT_EQ(u"EUR", result.at(u"currency").toString());
+  EXPECT_EQ(LMValue(LMArray()), result.at(u"taxes"));
+  EXPECT_EQ(u"1", result.at(u"tax").toString());  // no rates: the amount beside "MwSt" wins
+  ASSERT_EQ(1u, result.at(u"pages").len());
+  EXPECT_NE(std::u16string::npos,
+            result.at(u"pages").asArray()->at(0).toString().find(u"Gesamtbetrag"));
+}
+
+TEST_F(ReceiptWorkerTest, TaxRatesAndCurrencyReachTheAnalysis) {
+  const LMXPCReply reply = lmPerformReceiptTask(LMDictionary{
+      {u"data", fixture("sample-receipt.pdf")}, {u"currency", u"CHF"}, {u"taxes", LMArray{7}}});
+  ASSERT_TRUE(reply.result);
+  const LMDictionary& result = *reply.result->asDictionary();
+  EXPECT_EQ(u"1", result.at(u"tax").toString());
+  EXPECT_EQ(u"EUR", result.at(u"currency").toString());  // found beats the default
+  EXPECT_EQ(LMValue(LMArray{7}), result.at(u"taxes"));
+}
+
+TEST_F(ReceiptWorkerTest, FailuresAreErrorReplies) {
+  struct Case {
+    const char* name;
+    LMDictionary task;
+    std::u16string message;
+  } cases[] = {
+      {"no data", LMDictionary{}, u"data required"},
+      {"null data", LMDictionary{{u"data", LMValue::null()}}, u"data required"},
+      {"empty data", LMDictionary{{u"data", LMData{}}}, u"Could not open document"},
+      {"garbage", LMDictionary{{u"data", fixture("pdf/garbage.pdf")}}, u"Could not open document"},
+      {"text as data", LMDictionary{{u"data", u"%PDF-1.4"}},
+       u"data must be the bytes of a PDF file"},
+      {"taxes as text", LMDictionary{{u"data", fixture("sample-receipt.pdf")}, {u"taxes", u"19"}},
+       u"taxes must be an array of numbers"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const LMXPCReply reply = lmPerformReceiptTask(c.task);
+    ASSERT_TRUE(reply.error);
+    EXPECT_FALSE(reply.result);
+    EXPECT_EQ(c.message, reply.error->message);
+    EXPECT_EQ(101, reply.error->code);
+    EXPECT_EQ(u"com.brightmoor.error", reply.error->domain);
+  }
+}
+
+TEST_F(ReceiptWorkerTest, PagesWithoutTextAndDocumentsWithoutPages) {
+  const LMXPCReply noText = lmPerformReceiptTask(LMDictionary{{u"data", fixture("pdf/no_text.pdf")}});
+  ASSERT_TRUE(noText.result);
+  const LMArray& pages = *noText.result->at(u"pages").asArray();
+  ASSERT_EQ(1u, pages.size());
+  EXPECT_EQ(LMValue(LMAttributedString()), pages[0]);
+  EXPECT_TRUE(noText.result->at(u"gross").isNull());
+
+  const LMXPCReply empty = lmPerformReceiptTask(LMDictionary{{u"data", zeroPagePdf()}});
+  ASSERT_TRUE(empty.result) << std::string(empty.error->message.begin(), empty.error->message.end());
+  EXPECT_EQ(LMValue(LMArray()), empty.result->at(u"pages"));
+}
+
+class NoReplyWorker : public LMXPCBaseWorker {
+  void work() override {}
+};
+
+class ThrowingWorker : public LMXPCBaseWorker {
+  void work() override { throw std::runtime_error("parser broke"); }
+};
+
+class SilentErrorWorker : public LMXPCBaseWorker {
+  void work() override { doneWithErrorMessage(u""); }
+};
+
+LMXPCReply perform(LMXPCBaseWorker& worker, LMValue request) {
+  LMXPCReply reply;
+  int calls = 0;
+  worker.performWithObject(std::move(request), [&](LMXPCReply r) {
+    reply = std::move(r);
+    ++calls;
+  });
+  EXPECT_EQ(1, calls);
+  return reply;
+}
+
+TEST_F(WorkerRuntimeTest, ExactlyOneReplyForEveryKindOfWork) {
+  LMXPCBaseWorker base;
+  EXPECT_EQ(u"You have to implement `work`!", perform(base, LMDictionary{}).error->message);
+  NoReplyWorker silent;
+  EXPECT_EQ(u"You have to call `doneWithResult` or `doneWithErrorMessage` at least once!",
+            perform(silent, LMDictionary{}).error->message);
+  ThrowingWorker throwing;
+  EXPECT_EQ(u"parser broke", perform(throwing, LMDictionary{}).error->message);
+  SilentErrorWorker empty;
+  const LMXPCReply reply = perform(empty, LMDictionary{});
+  ASSERT_TRUE(reply.error);
+  EXPECT_EQ(u"", reply.error->message);
+  EXPECT_TRUE(base.object().isNil());
+  EXPECT_TRUE(base.uid().empty());
+}
+
+TEST_F(WorkerRuntimeTest, BootRequestSkipsWork) {
+  LMXPCBaseWorker base;
+  const LMXPCReply reply = perform(base, LMDictionary{{u"__boot", LMValue::null()}});
+  ASSERT_TRUE(reply.result);
+  EXPECT_EQ(LMValue(LMDictionary{{u"boot", u"success"}}), *reply.result);
+}
+
+TEST_F(WorkerRuntimeTest, LogsNumberedCallsAndErrors) {
+  LMXPCBaseWorker base;
+  perform(base, LMValue());
+  perform(base, LMValue());
+  ASSERT_GE(log.size(), 6u);
+  auto number = [](const std::string& line) { return std::stoul(line.substr(line.rfind('#') + 1)); };
+  EXPECT_NE(std::string::npos, log[0].find("==> XPC work on task "));
+  EXPECT_NE(std::string::npos, log[1].find("!!! XPC Error: You have to implement `work`!"));
+  EXPECT_NE(std::string::npos, log[2].find("<== XPC finished successfully task "));
+  EXPECT_EQ(number(log[0]) + 1, number(log[3]));
+}
+
+TEST(UUIDTest, VersionFourTextForm) {
+  const std::string a = lmNewUUIDString();
+  EXPECT_EQ(36u, a.size());
+  EXPECT_EQ('4', a[14]);
+  EXPECT_NE(a, lmNewUUIDString());
+}
+
+}  // namespace

@@ -1,0 +1,249 @@
+// lmreceipt: analyses receipt and invoice PDFs from the command line, in this
+// process, exactly as the service answers a task.
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kit/decimal.h"
+#include "kit/diagnostics.h"
+#include "kit/unicode.h"
+#include "kit/value.h"
+#include "service/receipt_worker.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: lmreceipt analyze [--currency CODE] [--tax RATE]... [--format json|summary]\n"
+    "                         [--jobs N] [--verbose] FILE...\n"
+    "       lmreceipt --help\n";
+
+constexpr const char* kHelp =
+    "lmreceipt analyses receipt and invoice PDFs and prints the bookkeeping facts:\n"
+    "gross, net and tax amount, currency and document date, with the findings they\n"
+    "rest on.\n"
+    "\n"
+    "  lmreceipt analyze [options] FILE...\n"
+    "\n"
+    "Options:\n"
+    "  --currency CODE    default currency when the document names none (e.g. EUR)\n"
+    "  --tax RATE         a tax rate in percent that applies to you (e.g. 19); repeat\n"
+    "                     for several rates\n"
+    "  --format FORMAT    json (default): the whole result as JSON; one object for\n"
+    "                     one file, one object per line with a \"file\" key for\n"
+    "                     several; summary: one readable line per file\n"
+    "  --jobs N           files analysed in parallel (default: the number of cores);\n"
+    "                     results are printed in the order of the files\n"
+    "  --verbose          also print the analysis log (one line per call, warnings\n"
+    "                     about damaged PDFs) on standard error\n"
+    "  --help             this text\n"
+    "\n"
+    "In JSON, amounts are decimal texts (\"12.5\"), dates whole Unix seconds as text,\n"
+    "and \"pages\" holds each page's plain text. A file that cannot be analysed prints\n"
+    "{\"file\": ..., \"error\": ...}; the other files are still analysed.\n"
+    "\n"
+    "Exit status: 0 when every file was analysed, 1 when any failed, 2 for bad usage.\n";
+
+struct Options {
+  LMValue currency = LMValue(u"");
+  LMArray taxes;
+  bool summary = false;
+  unsigned jobs = 0;
+  bool verbose = false;
+  std::vector<std::string> files;
+};
+
+int usageError(const std::string& message) {
+  std::cerr << "lmreceipt: " << message << "\n" << kUsage;
+  return 2;
+}
+
+// A tax rate as a number: integral rates as integers, others as doubles.
+std::optional<LMValue> parseRate(const std::string& text) {
+  auto decimal = LMDecimal::fromString(text);
+  if (!decimal || decimal->isNaN() || decimal->isNegative()) return std::nullopt;
+  if (decimal->exponent() >= 0) return LMValue(decimal->integerValue());
+  return LMValue(std::stod(text));
+}
+
+struct Outcome {
+  bool ok = false;
+  std::string text;  // what to print for this file
+};
+
+std::string twoPlaces(const LMValue& v) {
+  const LMDecimal* d = v.asDecimal();
+  if (!d) return "-";
+  std::string s = d->fixedValue().stringValue();
+  const size_t point = s.find('.');
+  if (point == std::string::npos) return s + ".00";
+  return s + std::string(2 - std::min<size_t>(2, s.size() - point - 1), '0');
+}
+
+Outcome analyzeFile(const std::string& path, const Options& options, bool withFileKey) {
+  LMDictionary errorObject;
+  if (withFileKey || options.summary) errorObject.set(u"file", lmUtf16(path));
+  std::ifstream in(path, std::ios::binary);
+  LMXPCReply reply;
+  if (!in) {
+    reply.error = LMXPCError{kLMErrorDomain, kLMErrorCode,
+                             u"Could not read file: " + lmUtf16(std::strerror(errno))};
+  } else {
+    LMData bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    LMDictionary task{{u"data", std::move(bytes)},
+                      {u"currency", options.currency},
+                      {u"taxes", options.taxes}};
+    reply = lmPerformReceiptTask(task);
+  }
+  if (reply.error || !reply.result || !reply.result->asDictionary()) {
+    const std::u16string message = reply.error ? reply.error->message : u"No result";
+    if (options.summary) return {false, path + ": error: " + lmUtf8(message)};
+    errorObject.set(u"error", message);
+    return {false, lmUtf8(LMValue(errorObject).toJSON().value_or(u"{}"))};
+  }
+  const LMDictionary& result = *reply.result->asDictionary();
+  if (options.summary) {
+    const LMValue& date = result.at(u"date");
+    const std::string day = date.asDate() ? lmUtf8(date.asDate()->descriptionDate()) : "-";
+    const std::string currency = result.at(u"currency").isTrue()
+                                     ? lmUtf8(result.at(u"currency").toString())
+                                     : "-";
+    return {true, path + ": gross " + twoPlaces(result.at(u"gross")) + " net " +
+                      twoPlaces(result.at(u"net")) + " tax " + twoPlaces(result.at(u"tax")) +
+                      " currency " + currency + " date " + day};
+  }
+  LMDictionary output;
+  if (withFileKey) output.set(u"file", lmUtf16(path));
+  for (const auto& entry : result) {
+    if (entry.key != u"pages") {
+      output.set(entry.key, entry.value);
+      continue;
+    }
+    LMArray texts;
+    if (const LMArray* pages = entry.value.asArray()) {
+      for (const LMValue& page : *pages) texts.emplace_back(page.toString());
+    }
+    output.set(u"pages", std::move(texts));
+  }
+  // Found elements project into dictionaries that may still hold decimals;
+  // a second pass turns those into text as well.
+  const LMValue json = LMValue(output).jsonObject().jsonObject();
+  auto text = withFileKey ? json.toJSON() : json.toJSONPretty();
+  if (!text) return {false, "{\"file\": \"" + path + "\", \"error\": \"Result is not JSON\"}"};
+  return {true, lmUtf8(*text)};
+}
+
+int analyze(const Options& options) {
+  const size_t count = options.files.size();
+  const bool several = count > 1;
+  std::vector<Outcome> outcomes(count);
+  std::vector<bool> done(count, false);
+  std::mutex mutex;
+  size_t nextToPrint = 0;
+  size_t finished = 0;
+  bool failed = false;
+  const bool progress = count > 3 && isatty(STDERR_FILENO);
+  std::atomic<size_t> nextFile{0};
+
+  // Prints finished results in input order as soon as the earlier ones are out.
+  auto flushInOrder = [&] {
+    while (nextToPrint < count && done[nextToPrint]) {
+      const Outcome& o = outcomes[nextToPrint];
+      if (!o.ok) failed = true;
+      std::cout << o.text << "\n";
+      ++nextToPrint;
+    }
+    std::cout.flush();
+  };
+
+  auto worker = [&] {
+    while (true) {
+      const size_t i = nextFile.fetch_add(1);
+      if (i >= count) return;
+      Outcome outcome = analyzeFile(options.files[i], options, several);
+      std::lock_guard<std::mutex> lock(mutex);
+      outcomes[i] = std::move(outcome);
+      done[i] = true;
+      ++finished;
+      flushInOrder();
+      if (progress) std::fprintf(stderr, "\r%zu/%zu analysed", finished, count);
+    }
+  };
+
+  unsigned jobs = options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
+  jobs = static_cast<unsigned>(std::min<size_t>(jobs, count));
+  std::vector<std::thread> threads;
+  for (unsigned j = 1; j < jobs; ++j) threads.emplace_back(worker);
+  worker();
+  for (auto& t : threads) t.join();
+  if (progress) std::fprintf(stderr, "\n");
+  return failed ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.empty()) return usageError("missing command");
+  if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
+    std::cout << kHelp;
+    return 0;
+  }
+  if (args[0] != "analyze") return usageError("unknown command '" + args[0] + "'");
+
+  Options options;
+  bool onlyFiles = false;
+  for (size_t i = 1; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&](const char* name) -> const std::string* {
+      if (i + 1 >= args.size()) return nullptr;
+      (void)name;
+      return &args[++i];
+    };
+    if (onlyFiles || a.empty() || a[0] != '-' || a == "-") {
+      options.files.push_back(a);
+    } else if (a == "--") {
+      onlyFiles = true;
+    } else if (a == "--help" || a == "-h") {
+      std::cout << kHelp;
+      return 0;
+    } else if (a == "--currency") {
+      const std::string* v = value("--currency");
+      if (!v) return usageError("--currency needs a currency code");
+      options.currency = LMValue(lmUtf16(*v));
+    } else if (a == "--tax") {
+      const std::string* v = value("--tax");
+      if (!v) return usageError("--tax needs a rate in percent");
+      auto rate = parseRate(*v);
+      if (!rate) return usageError("--tax needs a rate in percent, not '" + *v + "'");
+      options.taxes.push_back(*rate);
+    } else if (a == "--format") {
+      const std::string* v = value("--format");
+      if (!v || (*v != "json" && *v != "summary")) {
+        return usageError("--format needs json or summary");
+      }
+      options.summary = *v == "summary";
+    } else if (a == "--verbose" || a == "-v") {
+      options.verbose = true;
+    } else if (a == "--jobs" || a == "-j") {
+      const std::string* v = value("--jobs");
+      const long jobs = v ? std::strtol(v->c_str(), nullptr, 10) : 0;
+      if (jobs < 1 || jobs > 256) return usageError("--jobs needs a number from 1 to 256");
+      options.jobs = static_cast<unsigned>(jobs);
+    } else {
+      return usageError("unknown option '" + a + "'");
+    }
+  }
+  if (options.files.empty()) return usageError("no FILE given");
+  if (!options.verbose) lmSetLogSink([](std::string_view) {});
+  return analyze(options);
+}
