@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   # toolchain
-  g++ cmake make pkg-config
+  g++ cmake make pkg-config python3
   # text, regular expressions, calendar
   libicu-dev
   # wire format, JSON, XML
