@@ -23,6 +23,8 @@ LMAnchoredMatcher::LMAnchoredMatcher(const LMRegex& regex, std::u16string_view t
   // the whole text finds there.
   matcher->useTransparentBounds(true);
   matcher->useAnchoringBounds(false);
+  matcher->setTimeLimit(kLMRegexTimeLimit, status);
+  if (U_FAILURE(status)) return;
   matcher_ = std::move(matcher);
 }
 

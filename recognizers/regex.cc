@@ -84,6 +84,7 @@ void forEachMatch(const icu::RegexPattern& pattern, std::u16string_view text,
   // RegexMatcher is not thread-safe, so every search gets its own.
   std::unique_ptr<icu::RegexMatcher> matcher(pattern.matcher(input, status));
   if (U_FAILURE(status) || !matcher) return;
+  matcher->setTimeLimit(kLMRegexTimeLimit, status);
   while (matcher->find(status) && U_SUCCESS(status)) {
     if (!onMatch(static_cast<const icu::RegexMatcher&>(*matcher))) return;
   }

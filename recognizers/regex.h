@@ -33,6 +33,11 @@ inline constexpr uint64_t kLMRegexUseUnixLineSeparators = 32;
 inline constexpr uint64_t kLMRegexUseUnicodeWordBoundaries = 64;
 // The options of every recognizer pattern unless it says otherwise (19):
 // case-insensitive, free-spacing with "#" comments, "^" and "$" at line ends.
+// Every search stops after about this many engine steps (roughly
+// milliseconds) for one match attempt: normal text never comes near it, a
+// pathological one ends the search (no further matches) instead of hanging.
+inline constexpr int32_t kLMRegexTimeLimit = 250;
+
 inline constexpr uint64_t kLMRegexDefaultOptions =
     kLMRegexCaseInsensitive | kLMRegexAllowCommentsAndWhitespace |
     kLMRegexAnchorsMatchLines;

@@ -283,3 +283,20 @@ TEST(RegexTest, SharedRegexSearchesFromManyThreads) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(RegexTest, PathologicalSearchStopsInsteadOfHanging) {
+  LogCapture log;
+  // Nested quantifiers over a text that almost matches backtrack
+  // exponentially; the time limit ends the search with no match.
+  LMRegex regex(u"^(a+)+$", 0);
+  const std::u16string text = std::u16string(40, u'a') + u"!";
+  EXPECT_TRUE(regex.allStringMatchesinString(text).empty());
+  ASSERT_EQ(1u, log.lines().size());
+  EXPECT_THAT(log.lines()[0], HasSubstr("U_REGEX_TIME_OUT"));
+  // Ordinary text is unaffected.
+  EXPECT_EQ(1u, regex.allStringMatchesinString(std::u16string(40, u'a')).size());
+}
+
+}  // namespace
