@@ -92,7 +92,8 @@ bool contains(const char16_t* const (&list)[N], std::u16string_view word) {
 // or second letter. Names are plain letters (no pattern characters).
 std::u16string prefixTreePattern(const std::vector<std::u16string>& names) {
   struct Node {
-    std::vector<std::pair<char16_t, Node>> children;  // in insertion order
+    char16_t letter = 0;
+    std::vector<Node> children;  // in insertion order
     bool terminal = false;
   };
   Node root;
@@ -100,19 +101,19 @@ std::u16string prefixTreePattern(const std::vector<std::u16string>& names) {
     Node* node = &root;
     for (char16_t c : name) {
       auto child = std::find_if(node->children.begin(), node->children.end(),
-                                [&](const auto& entry) { return entry.first == c; });
+                                [&](const Node& entry) { return entry.letter == c; });
       if (child == node->children.end()) {
-        node->children.emplace_back(c, Node{});
+        node->children.push_back(Node{c, {}, false});
         child = std::prev(node->children.end());
       }
-      node = &child->second;
+      node = &*child;
     }
     node->terminal = true;
   }
   auto emit = [](auto&& self, const Node& node) -> std::u16string {
     std::vector<std::u16string> branches;
-    for (const auto& [c, child] : node.children) {
-      branches.push_back(std::u16string(1, c) + self(self, child));
+    for (const Node& child : node.children) {
+      branches.push_back(std::u16string(1, child.letter) + self(self, child));
     }
     if (branches.empty()) return u"";
     std::u16string body = branches.size() == 1 && !node.terminal
