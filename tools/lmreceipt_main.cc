@@ -1,5 +1,6 @@
-// lmreceipt: analyses receipt and invoice PDFs from the command line, in this
-// process, exactly as the service answers a task.
+// lmreceipt: analyses receipt and invoice PDFs from the command line, either
+// in this process exactly as the service answers a task (analyze), or through
+// the service itself (call).
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <mutex>
@@ -19,12 +21,19 @@
 #include "kit/unicode.h"
 #include "kit/value.h"
 #include "service/receipt_worker.h"
+#include "service/xpc_client.h"
 
 namespace {
+
+// The service `call` talks to; the transport starts the executable of this
+// name on demand.
+constexpr const char* kServiceName = "lmreceipt-service";
 
 constexpr const char* kUsage =
     "usage: lmreceipt analyze [--currency CODE] [--tax RATE]... [--format json|summary]\n"
     "                         [--jobs N] [--verbose] FILE...\n"
+    "       lmreceipt call [--currency CODE] [--tax RATE]... [--format json|summary]\n"
+    "                      [--verbose] FILE...\n"
     "       lmreceipt --help\n";
 
 constexpr const char* kHelp =
@@ -32,7 +41,8 @@ constexpr const char* kHelp =
     "gross, net and tax amount, currency and document date, with the findings they\n"
     "rest on.\n"
     "\n"
-    "  lmreceipt analyze [options] FILE...\n"
+    "  lmreceipt analyze [options] FILE...   analyse in this process\n"
+    "  lmreceipt call [options] FILE...      the same through the service\n"
     "\n"
     "Options:\n"
     "  --currency CODE    default currency when the document names none (e.g. EUR)\n"
@@ -41,19 +51,34 @@ constexpr const char* kHelp =
     "  --format FORMAT    json (default): the whole result as JSON; one object for\n"
     "                     one file, one object per line with a \"file\" key for\n"
     "                     several; summary: one readable line per file\n"
-    "  --jobs N           files analysed in parallel (default: the number of cores);\n"
-    "                     results are printed in the order of the files\n"
-    "  --verbose          also print the analysis log (one line per call, warnings\n"
-    "                     about damaged PDFs) on standard error\n"
+    "  --jobs N           analyze only: files analysed in parallel (default: the\n"
+    "                     number of cores); results are printed in the order of the\n"
+    "                     files\n"
+    "  --verbose          also print the log on standard error (analyze: one line\n"
+    "                     per call, warnings about damaged PDFs; call: the client's\n"
+    "                     log)\n"
     "  --help             this text\n"
     "\n"
     "In JSON, amounts are decimal texts (\"12.5\"), dates whole Unix seconds as text,\n"
     "and \"pages\" holds each page's plain text. A file that cannot be analysed prints\n"
     "{\"file\": ..., \"error\": ...}; the other files are still analysed.\n"
     "\n"
+    "call sends the files one at a time to the service lmreceipt-service over its\n"
+    "local socket ($XDG_RUNTIME_DIR/lmreceipt-service.sock, or\n"
+    "/tmp/lmreceipt-service-<uid>/ when XDG_RUNTIME_DIR is unset) and prints what\n"
+    "analyze prints. When nothing listens there it starts the service: the\n"
+    "executable lmreceipt-service in $LM_SERVICE_DIR when that is set, else beside\n"
+    "lmreceipt, else found through $PATH. The service ends by itself after a minute\n"
+    "without calls; its log is lmreceipt-service.log beside the socket. A service\n"
+    "that cannot be reached is reported per file as \"Service not reachable: ...\".\n"
+    "The found elements (numbers, dates, terms) travel in their archive form, which\n"
+    "leaves out typography, decimal places, scores and features; in call's JSON\n"
+    "those come back as zero, false or null.\n"
+    "\n"
     "Exit status: 0 when every file was analysed, 1 when any failed, 2 for bad usage.\n";
 
 struct Options {
+  bool viaService = false;  // call rather than analyze
   LMValue currency = LMValue(u"");
   LMArray taxes;
   bool summary = false;
@@ -89,7 +114,11 @@ std::string twoPlaces(const LMValue& v) {
   return s + std::string(2 - std::min<size_t>(2, s.size() - point - 1), '0');
 }
 
-Outcome analyzeFile(const std::string& path, const Options& options, bool withFileKey) {
+// Answers one task: in this process, or through the service.
+using Performer = std::function<LMXPCReply(const LMDictionary& task)>;
+
+Outcome analyzeFile(const std::string& path, const Options& options, bool withFileKey,
+                    const Performer& perform) {
   LMDictionary errorObject;
   if (withFileKey || options.summary) errorObject.set(u"file", lmUtf16(path));
   std::ifstream in(path, std::ios::binary);
@@ -102,7 +131,7 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
     LMDictionary task{{u"data", std::move(bytes)},
                       {u"currency", options.currency},
                       {u"taxes", options.taxes}};
-    reply = lmPerformReceiptTask(task);
+    reply = perform(task);
   }
   if (reply.error || !reply.result || !reply.result->asDictionary()) {
     const std::u16string message = reply.error ? reply.error->message : u"No result";
@@ -142,7 +171,7 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
   return {true, lmUtf8(*text)};
 }
 
-int analyze(const Options& options) {
+int analyze(const Options& options, const Performer& perform) {
   const size_t count = options.files.size();
   const bool several = count > 1;
   std::vector<Outcome> outcomes(count);
@@ -169,7 +198,7 @@ int analyze(const Options& options) {
     while (true) {
       const size_t i = nextFile.fetch_add(1);
       if (i >= count) return;
-      Outcome outcome = analyzeFile(options.files[i], options, several);
+      Outcome outcome = analyzeFile(options.files[i], options, several, perform);
       std::lock_guard<std::mutex> lock(mutex);
       outcomes[i] = std::move(outcome);
       done[i] = true;
@@ -189,6 +218,22 @@ int analyze(const Options& options) {
   return failed ? 1 : 0;
 }
 
+// The files one at a time through one client (its queue sends one call at a
+// time anyway), so --jobs does not apply.
+int call(Options options) {
+  LMXPC xpc(kServiceName);
+  options.jobs = 1;
+  return analyze(options, [&xpc](const LMDictionary& task) {
+    LMXPCReply reply;
+    xpc.performXPCSynchronousWithObject(
+        task, [&reply](const LMValue& result, const std::optional<LMXPCError>& error) {
+          if (!result.isNil()) reply.result = result;
+          reply.error = error;
+        });
+    return reply;
+  });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -198,9 +243,12 @@ int main(int argc, char** argv) {
     std::cout << kHelp;
     return 0;
   }
-  if (args[0] != "analyze") return usageError("unknown command '" + args[0] + "'");
+  if (args[0] != "analyze" && args[0] != "call") {
+    return usageError("unknown command '" + args[0] + "'");
+  }
 
   Options options;
+  options.viaService = args[0] == "call";
   bool onlyFiles = false;
   for (size_t i = 1; i < args.size(); ++i) {
     const std::string& a = args[i];
@@ -234,6 +282,8 @@ int main(int argc, char** argv) {
       options.summary = *v == "summary";
     } else if (a == "--verbose" || a == "-v") {
       options.verbose = true;
+    } else if ((a == "--jobs" || a == "-j") && options.viaService) {
+      return usageError("--jobs applies to analyze only; call sends one file at a time");
     } else if (a == "--jobs" || a == "-j") {
       const std::string* v = value("--jobs");
       const long jobs = v ? std::strtol(v->c_str(), nullptr, 10) : 0;
@@ -245,5 +295,6 @@ int main(int argc, char** argv) {
   }
   if (options.files.empty()) return usageError("no FILE given");
   if (!options.verbose) lmSetLogSink([](std::string_view) {});
-  return analyze(options);
+  if (options.viaService) return call(std::move(options));
+  return analyze(options, lmPerformReceiptTask);
 }

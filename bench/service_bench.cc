@@ -1,0 +1,208 @@
+// The service against the same analysis in this process: the warm-up call,
+// one call with a one-page receipt (archiving the task, the round trip and
+// reading the reply's archive included), the archive work on its own, and
+// calls per second with 1, 2 and 4 parallel clients. Prints the service's
+// overhead over the in-process analysis at the end.
+//
+// Starts its own service through the client's on-demand start, in a
+// temporary runtime folder, and stops it when done.
+#include <benchmark/benchmark.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "kit/diagnostics.h"
+#include "service/keyed_archive.h"
+#include "service/receipt_worker.h"
+#include "service/transport.h"
+
+namespace {
+
+constexpr const char* kServiceName = "lmreceipt-service";
+
+LMDictionary sampleTask() {
+  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/sample-receipt.pdf", std::ios::binary);
+  LMData bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  return LMDictionary{{u"data", std::move(bytes)}, {u"currency", u"EUR"}, {u"taxes", LMArray{19, 7}}};
+}
+
+// One call as a client makes it; nil when it failed.
+LMValue callService(const LMValue& task) {
+  auto request = lxDataSerialize(task);
+  if (!request) return LMValue();
+  auto reply = lmServiceCall(kServiceName, *request);
+  if (!reply || reply->error) return LMValue();
+  return lxDataUnserialize(reply->bytes).value_or(LMValue());
+}
+
+void BM_BootRoundTrip(benchmark::State& state) {
+  const LMValue boot(LMDictionary{{u"__boot", true}});
+  for (auto _ : state) benchmark::DoNotOptimize(callService(boot));
+}
+
+void BM_InProcessTask(benchmark::State& state) {
+  const LMDictionary task = sampleTask();
+  for (auto _ : state) benchmark::DoNotOptimize(lmPerformReceiptTask(task));
+}
+
+// The process listening on the service's socket; -1 when none.
+pid_t servicePid();
+
+// CPU seconds the process `pid` has used so far, all its threads together.
+double cpuSeconds(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // Fields after the command name, which ends with the last ')'.
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string field;
+  unsigned long long user = 0, system = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14) user = std::stoull(field);
+    if (i == 15) system = std::stoull(field);
+  }
+  return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// Also counts the service's CPU time per call, so that the overhead can be
+// told apart from waiting for a busy machine.
+void BM_ServiceTask(benchmark::State& state) {
+  const LMValue task(sampleTask());
+  if (callService(task).at(u"gross").toString() != u"15.3") {
+    state.SkipWithError("the service did not analyse the sample");
+    return;
+  }
+  const pid_t pid = servicePid();
+  const double before = cpuSeconds(pid);
+  for (auto _ : state) benchmark::DoNotOptimize(callService(task));
+  state.counters["service_cpu_ms"] = benchmark::Counter(
+      (cpuSeconds(pid) - before) * 1000.0 / static_cast<double>(state.iterations()));
+}
+
+void BM_ArchiveTaskAndResult(benchmark::State& state) {
+  const LMValue task(sampleTask());
+  const LMXPCReply reply = lmPerformReceiptTask(*task.asDictionary());
+  for (auto _ : state) {
+    auto request = lxDataSerialize(task);
+    benchmark::DoNotOptimize(lxDataUnserialize(*request));
+    auto result = lxDataSerialize(*reply.result);
+    benchmark::DoNotOptimize(lxDataUnserialize(*result));
+  }
+}
+
+void BM_ServiceThroughput(benchmark::State& state) {
+  const LMValue task(sampleTask());
+  for (auto _ : state) benchmark::DoNotOptimize(callService(task));
+  state.SetItemsProcessed(state.iterations());
+}
+
+BENCHMARK(BM_BootRoundTrip)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_InProcessTask)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ServiceTask)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ArchiveTaskAndResult)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ServiceThroughput)->Threads(1)->Threads(2)->Threads(4)->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+// Keeps each run's real and CPU time per iteration (milliseconds), the
+// service's CPU time and the call rate, by name.
+class OverheadReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      const double toMs = benchmark::GetTimeUnitMultiplier(benchmark::kMillisecond) /
+                          benchmark::GetTimeUnitMultiplier(run.time_unit);
+      milliseconds[run.benchmark_name()] = run.GetAdjustedRealTime() * toMs;
+      cpuMilliseconds[run.benchmark_name()] = run.GetAdjustedCPUTime() * toMs;
+      if (auto cpu = run.counters.find("service_cpu_ms"); cpu != run.counters.end()) {
+        serviceCpuMilliseconds[run.benchmark_name()] = cpu->second.value;
+      }
+      if (auto rate = run.counters.find("items_per_second"); rate != run.counters.end()) {
+        perSecond[run.benchmark_name()] = rate->second.value;
+      }
+    }
+  }
+  std::map<std::string, double> milliseconds;
+  std::map<std::string, double> cpuMilliseconds;
+  std::map<std::string, double> serviceCpuMilliseconds;
+  std::map<std::string, double> perSecond;
+};
+
+pid_t servicePid() {
+  const std::string path = lmServiceSocketPath(kServiceName);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                  getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+  close(fd);
+  return ok ? peer.pid : -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  char folder[] = "/tmp/lmreceipt-bench-XXXXXX";
+  if (!mkdtemp(folder)) return 1;
+  setenv("XDG_RUNTIME_DIR", folder, 1);
+  if (!std::getenv("LM_SERVICE_DIR")) setenv("LM_SERVICE_DIR", LM_SERVICE_DIR, 1);
+
+  // The first call starts the service; the boot benchmark measures warm calls.
+  std::string failure;
+  const auto boot = lxDataSerialize(LMDictionary{{u"__boot", true}});
+  if (!lmServiceCall(kServiceName, *boot, &failure)) {
+    std::fprintf(stderr, "cannot start the service: %s\n", failure.c_str());
+    return 1;
+  }
+
+  // The in-process runs would log every call; the service logs to its own file.
+  lmSetLogSink([](std::string_view) {});
+  benchmark::Initialize(&argc, argv);
+  OverheadReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+
+  const auto& ms = reporter.milliseconds;
+  if (ms.count("BM_InProcessTask") && ms.count("BM_ServiceTask")) {
+    const double inProcess = ms.at("BM_InProcessTask"), service = ms.at("BM_ServiceTask");
+    std::printf("\none-page receipt, elapsed: in process %.3f ms, through the service %.3f ms, "
+                "overhead %.3f ms = %.1f%%\n",
+                inProcess, service, service - inProcess, 100.0 * (service - inProcess) / inProcess);
+    if (reporter.serviceCpuMilliseconds.count("BM_ServiceTask")) {
+      const double alone = reporter.cpuMilliseconds.at("BM_InProcessTask");
+      const double both = reporter.cpuMilliseconds.at("BM_ServiceTask") +
+                          reporter.serviceCpuMilliseconds.at("BM_ServiceTask");
+      std::printf("one-page receipt, CPU: in process %.3f ms, client and service together "
+                  "%.3f ms, overhead %.3f ms = %.1f%%\n",
+                  alone, both, both - alone, 100.0 * (both - alone) / alone);
+    }
+  }
+  for (int threads : {1, 2, 4}) {
+    const std::string name = "BM_ServiceThroughput/real_time/threads:" + std::to_string(threads);
+    if (reporter.perSecond.count(name)) {
+      std::printf("%d client%s: %.1f calls/s\n", threads, threads > 1 ? "s" : "",
+                  reporter.perSecond.at(name));
+    }
+  }
+
+  if (const pid_t pid = servicePid(); pid > 0) kill(pid, SIGTERM);
+  for (int i = 0; i < 500 && std::filesystem::exists(lmServiceSocketPath(kServiceName)); ++i) {
+    usleep(10'000);
+  }
+  std::filesystem::remove_all(folder);
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,536 @@
+"""Client for the lmreceipt service, in plain Python (standard library only).
+
+    import lmreceipt_client
+    result = lmreceipt_client.analyze("receipt.pdf", currency="EUR", taxes=[7, 19])
+    result["gross"]     # decimal.Decimal('15.3')
+    result["date"]      # datetime.datetime(..., tzinfo=datetime.timezone.utc)
+
+A call is one connection to the service's local socket: one request frame
+carrying the task as a keyed archive, one reply frame carrying the result
+archive or an error (docs/protocol.md). When nothing listens on the socket the
+client starts the service executable and retries for a few seconds, as the
+C++ client does. See README.md beside this file.
+"""
+
+from __future__ import annotations
+
+import datetime
+import decimal
+import errno
+import os
+import plistlib
+import shutil
+import socket
+import stat
+import struct
+import subprocess
+import time
+from typing import Any, Iterable
+
+DEFAULT_SERVICE_NAME = "lmreceipt-service"
+ERROR_DOMAIN = "com.brightmoor.error"
+ERROR_CODE = 101
+
+_MAGIC = b"LMXP"
+_VERSION = 1
+_KIND_REQUEST = 0
+_KIND_RESULT = 0
+_KIND_ERROR = 1
+_HEADER = struct.Struct(">4sBBxxQ")
+_MAX_FRAME_BYTES = 256 << 20
+_CONNECT_PATIENCE = 5.0
+_REFERENCE_DATE = datetime.datetime(2001, 1, 1, tzinfo=datetime.timezone.utc)
+_SOCKET_PATH_LIMIT = 108  # sizeof(sockaddr_un.sun_path) on Linux
+
+
+class ServiceError(Exception):
+    """An error reply of the service, or a call that got no reply."""
+
+    def __init__(self, message: str, domain: str = ERROR_DOMAIN, code: int = ERROR_CODE):
+        super().__init__(message)
+        self.message = message
+        self.domain = domain
+        self.code = code
+
+
+class ServiceNotReachable(ServiceError):
+    """The service could not be started or reached, or sent no reply."""
+
+    def __init__(self, why: str):
+        super().__init__("Service not reachable: " + why)
+
+
+class ArchiveError(ValueError):
+    """Bytes that are not a keyed archive this client can read."""
+
+
+# --- Keyed archives ---------------------------------------------------------
+
+_CLASS_CHAINS = {
+    "NSDictionary": ["NSDictionary", "NSObject"],
+    "NSArray": ["NSArray", "NSObject"],
+    "NSNull": ["NSNull", "NSObject"],
+    "NSDate": ["NSDate", "NSObject"],
+    "NSDecimalNumber": ["NSDecimalNumber", "NSNumber", "NSValue", "NSObject"],
+}
+
+
+def archive(root: Any) -> bytes:
+    """The keyed archive of a tree of plain values.
+
+    Accepts None (only as the root), bool, int (64-bit), float, str, bytes,
+    decimal.Decimal, datetime.datetime (naive means UTC), list/tuple and dict
+    with str keys.
+    """
+    objects: list[Any] = ["$null"]
+    classes: dict[str, plistlib.UID] = {}
+    strings: dict[str, plistlib.UID] = {}
+
+    def add(obj: Any) -> plistlib.UID:
+        objects.append(obj)
+        return plistlib.UID(len(objects) - 1)
+
+    def of_class(name: str) -> dict:
+        if name not in classes:
+            classes[name] = add({"$classes": _CLASS_CHAINS[name], "$classname": name})
+        return {"$class": classes[name]}
+
+    def member(value: Any) -> plistlib.UID:
+        if value is None:
+            raise ArchiveError("None cannot stand inside a list or dict")
+        return encode(value)
+
+    def encode(value: Any) -> plistlib.UID:
+        if value is None:
+            return plistlib.UID(0)
+        if isinstance(value, bool):
+            return add(value)
+        if isinstance(value, int):
+            if not -(1 << 63) <= value < (1 << 63):
+                raise ArchiveError(f"integer {value} does not fit 64 bits")
+            return add(value)
+        if isinstance(value, float):
+            return add(value)
+        if isinstance(value, str):
+            if value not in strings:
+                strings[value] = add(value)
+            return strings[value]
+        if isinstance(value, (bytes, bytearray)):
+            return add(bytes(value))
+        if isinstance(value, decimal.Decimal):
+            return add({**of_class("NSDecimalNumber"), **_decimal_fields(value)})
+        if isinstance(value, datetime.datetime):
+            if value.tzinfo is None:
+                value = value.replace(tzinfo=datetime.timezone.utc)
+            seconds = (value - _REFERENCE_DATE).total_seconds()
+            return add({**of_class("NSDate"), "NS.time": seconds})
+        if isinstance(value, (list, tuple)):
+            slot = add(None)
+            refs = [member(item) for item in value]
+            objects[slot.data] = {**of_class("NSArray"), "NS.objects": refs}
+            return slot
+        if isinstance(value, dict):
+            slot = add(None)
+            keys, refs = [], []
+            for key, item in value.items():
+                if not isinstance(key, str):
+                    raise ArchiveError(f"dict key {key!r} is not a str")
+                keys.append(encode(key))
+                refs.append(member(item))
+            objects[slot.data] = {**of_class("NSDictionary"), "NS.keys": keys, "NS.objects": refs}
+            return slot
+        raise ArchiveError(f"cannot archive a {type(value).__name__}")
+
+    top = encode(root)
+    return plistlib.dumps(
+        {"$archiver": "NSKeyedArchiver", "$version": 100000, "$objects": objects,
+         "$top": {"root": top}},
+        fmt=plistlib.FMT_BINARY, sort_keys=False)
+
+
+def _decimal_fields(value: decimal.Decimal) -> dict:
+    if value.is_nan():
+        mantissa, exponent, negative = 0, 0, True  # not-a-number: length 0, negative
+    else:
+        if value.is_infinite():
+            raise ArchiveError("an infinite decimal cannot be archived")
+        sign, digits, exponent = value.as_tuple()
+        mantissa = int("".join(map(str, digits)) or "0")
+        negative = bool(sign) and mantissa != 0
+        if mantissa >= 1 << 128 or not -128 <= exponent <= 127:
+            raise ArchiveError(f"decimal {value} is out of range")
+    words = [(mantissa >> (16 * i)) & 0xFFFF for i in range(8)]
+    length = max((i + 1 for i, w in enumerate(words) if w), default=0)
+    return {"NS.exponent": exponent, "NS.length": length, "NS.negative": negative,
+            "NS.compact": True, "NS.mantissa.bo": 1,
+            "NS.mantissa": b"".join(struct.pack("<H", w) for w in words)}
+
+
+def _signed(value: int) -> int:
+    # Integers are archived as unsigned 64-bit; negatives as two's complement.
+    return value - (1 << 64) if (1 << 63) <= value < (1 << 64) else value
+
+
+def unarchive(data: bytes, max_depth: int = 256) -> Any:
+    """The plain Python tree of a keyed archive.
+
+    dict/list/str/int/float/bool/bytes as themselves, NSNull as None, NSDate
+    as an aware datetime in UTC, NSDecimalNumber as decimal.Decimal (NaN for
+    not-a-number), NSAttributedString as its str, any other object (the found
+    elements) as a dict of its keys plus "$class" with its class name.
+    Raises ArchiveError for anything else.
+    """
+    try:
+        plist = plistlib.loads(data, fmt=plistlib.FMT_BINARY)
+    except Exception as e:  # plistlib raises several kinds
+        raise ArchiveError(f"not a binary property list: {e}") from None
+    if not isinstance(plist, dict) or plist.get("$archiver") != "NSKeyedArchiver":
+        raise ArchiveError("not a keyed archive")
+    objects = plist.get("$objects")
+    top = plist.get("$top")
+    if not isinstance(objects, list) or not isinstance(top, dict):
+        raise ArchiveError("no $objects or $top")
+    memo: dict[int, Any] = {}
+    busy: set[int] = set()
+
+    def class_name(node: dict) -> str:
+        ref = node.get("$class")
+        if not isinstance(ref, plistlib.UID) or ref.data >= len(objects):
+            raise ArchiveError("an object without a valid $class")
+        entry = objects[ref.data]
+        if not isinstance(entry, dict) or not isinstance(entry.get("$classname"), str):
+            raise ArchiveError("a class entry without $classname")
+        chain = entry.get("$classes")
+        for name in [entry["$classname"], *(chain if isinstance(chain, list) else [])]:
+            if name in _READERS:
+                return name
+        return entry["$classname"]
+
+    def refs(node: dict, key: str, depth: int) -> list:
+        items = node.get(key, [])
+        if not isinstance(items, list):
+            raise ArchiveError(f"{key} is not an array")
+        return [value(item, depth) for item in items]
+
+    def value(item: Any, depth: int) -> Any:
+        if isinstance(item, plistlib.UID):
+            return reference(item.data, depth)
+        if isinstance(item, bool):
+            return item
+        if isinstance(item, int):
+            return _signed(item)
+        return item
+
+    def reference(uid: int, depth: int) -> Any:
+        if uid == 0:
+            return None
+        if uid >= len(objects):
+            raise ArchiveError(f"reference {uid} out of range")
+        if uid in memo:
+            return memo[uid]
+        if uid in busy:
+            raise ArchiveError(f"object {uid} contains itself")
+        if depth > max_depth:
+            raise ArchiveError(f"nesting deeper than {max_depth}")
+        busy.add(uid)
+        node = objects[uid]
+        if isinstance(node, dict) and "$class" in node:
+            name = class_name(node)
+            reader = _READERS.get(name)
+            if reader:
+                result = reader(node, lambda key: refs(node, key, depth + 1),
+                                lambda key: value(node.get(key), depth + 1))
+            else:
+                result = {key: value(item, depth + 1) for key, item in node.items()
+                          if key != "$class"}
+                result["$class"] = name
+        else:
+            result = value(node, depth)
+        busy.discard(uid)
+        memo[uid] = result
+        return result
+
+    root = top.get("root")
+    if isinstance(root, plistlib.UID):
+        return reference(root.data, 0)
+    # Archives with unnamed top objects: every "$top" key and its object.
+    return {key: value(item, 0) for key, item in top.items()}
+
+
+def _read_dictionary(node, refs, field):
+    keys, values = refs("NS.keys"), refs("NS.objects")
+    if len(keys) != len(values):
+        raise ArchiveError("NS.keys and NS.objects differ in length")
+    return dict(zip(keys, values))
+
+
+def _read_string(node, refs, field):
+    text = field("NS.string")
+    if isinstance(text, str):
+        return text
+    raw = field("NS.bytes")
+    if isinstance(raw, bytes):
+        return raw.decode("utf-8", errors="replace")
+    raise ArchiveError("a text object without NS.string or NS.bytes")
+
+
+def _read_data(node, refs, field):
+    raw = field("NS.data")
+    if not isinstance(raw, bytes):
+        raise ArchiveError("a data object without NS.data")
+    return raw
+
+
+def _read_date(node, refs, field):
+    seconds = field("NS.time")
+    if isinstance(seconds, bool) or not isinstance(seconds, (int, float)):
+        raise ArchiveError("a date without NS.time")
+    return _REFERENCE_DATE + datetime.timedelta(seconds=seconds)
+
+
+def _read_decimal(node, refs, field):
+    length = field("NS.length") or 0
+    negative = bool(field("NS.negative"))
+    exponent = field("NS.exponent") or 0
+    raw = field("NS.mantissa") or b""
+    order = field("NS.mantissa.bo") or 1
+    if length == 0:
+        return decimal.Decimal("NaN") if negative else decimal.Decimal(0)
+    if not 0 < length <= 8 or len(raw) < 2 * length or order not in (1, 2):
+        raise ArchiveError("a malformed decimal")
+    fmt = "<H" if order == 1 else ">H"
+    mantissa = sum(struct.unpack_from(fmt, raw, 2 * i)[0] << (16 * i) for i in range(length))
+    digits = tuple(int(d) for d in str(mantissa))
+    return decimal.Decimal((1 if negative else 0, digits, exponent))
+
+
+def _read_attributed_string(node, refs, field):
+    text = field("NSString")
+    return text if isinstance(text, str) else ""
+
+
+_READERS = {
+    "NSDictionary": _read_dictionary,
+    "NSMutableDictionary": _read_dictionary,
+    "NSArray": lambda node, refs, field: refs("NS.objects"),
+    "NSMutableArray": lambda node, refs, field: refs("NS.objects"),
+    "NSSet": lambda node, refs, field: refs("NS.objects"),
+    "NSMutableSet": lambda node, refs, field: refs("NS.objects"),
+    "NSOrderedSet": lambda node, refs, field: refs("NS.objects"),
+    "NSMutableOrderedSet": lambda node, refs, field: refs("NS.objects"),
+    "NSString": _read_string,
+    "NSMutableString": _read_string,
+    "NSData": _read_data,
+    "NSMutableData": _read_data,
+    "NSNull": lambda node, refs, field: None,
+    "NSDate": _read_date,
+    "NSDecimalNumber": _read_decimal,
+    "NSAttributedString": _read_attributed_string,
+    "NSMutableAttributedString": _read_attributed_string,
+}
+
+
+# --- Frames ------------------------------------------------------------------
+
+def _frame(kind: int, payload: bytes) -> bytes:
+    return _HEADER.pack(_MAGIC, _VERSION, kind, len(payload)) + payload
+
+
+def _read_exactly(sock: socket.socket, size: int) -> bytes:
+    chunks, have = [], 0
+    while have < size:
+        chunk = sock.recv(min(size - have, 1 << 20))
+        if not chunk:
+            break
+        chunks.append(chunk)
+        have += len(chunk)
+    return b"".join(chunks)
+
+
+def _read_frame(sock: socket.socket) -> tuple[int, bytes]:
+    header = _read_exactly(sock, _HEADER.size)
+    if len(header) < _HEADER.size:
+        raise ServiceNotReachable("The service closed the connection without a reply")
+    magic, version, kind, length = _HEADER.unpack(header)
+    if magic != _MAGIC or version != _VERSION or header[6:8] != b"\0\0":
+        raise ServiceNotReachable("The service's reply is not a frame")
+    if length > _MAX_FRAME_BYTES:
+        raise ServiceNotReachable("The service's reply is too large")
+    payload = _read_exactly(sock, length)
+    if len(payload) < length:
+        raise ServiceNotReachable("The service closed the connection without a reply")
+    return kind, payload
+
+
+def _parse_error(payload: bytes) -> ServiceError:
+    try:
+        (code,) = struct.unpack_from(">q", payload, 0)
+        at, texts = 8, []
+        for _ in range(2):
+            (size,) = struct.unpack_from(">I", payload, at)
+            text = payload[at + 4:at + 4 + size]
+            if len(text) != size:
+                raise ValueError("short")
+            texts.append(text.decode("utf-8"))
+            at += 4 + size
+        if at != len(payload):
+            raise ValueError("bytes left over")
+    except (struct.error, ValueError, UnicodeDecodeError):
+        raise ServiceNotReachable("The service's error reply is malformed") from None
+    return ServiceError(texts[1], domain=texts[0], code=code)
+
+
+# --- Finding and starting the service ---------------------------------------
+
+def _private_directory(path: str, follow_links: bool) -> bool:
+    try:
+        st = os.stat(path) if follow_links else os.lstat(path)
+    except OSError:
+        return False
+    return stat.S_ISDIR(st.st_mode) and st.st_uid == os.geteuid() and st.st_mode & 0o077 == 0
+
+
+def socket_path(service_name: str = DEFAULT_SERVICE_NAME) -> str:
+    """Where the service listens: $XDG_RUNTIME_DIR/<name>.sock, or
+    /tmp/<name>-<uid>/<name>.sock when XDG_RUNTIME_DIR is unset or not a
+    private folder of this user. Raises ServiceNotReachable when neither
+    folder can be trusted."""
+    if not service_name or service_name in (".", "..") or "/" in service_name \
+            or "\0" in service_name:
+        raise ValueError(f"not a service name: {service_name!r}")
+    file = service_name + ".sock"
+    runtime = os.environ.get("XDG_RUNTIME_DIR", "")
+    if runtime.startswith("/"):
+        path = os.path.join(runtime, file)
+        if len(path.encode()) < _SOCKET_PATH_LIMIT and _private_directory(runtime, True):
+            return path
+    folder = f"/tmp/{service_name}-{os.geteuid()}"
+    try:
+        os.mkdir(folder, 0o700)
+    except FileExistsError:
+        pass
+    except OSError as e:
+        raise ServiceNotReachable(f"No private folder for the socket of {service_name}: {e}")
+    path = os.path.join(folder, file)
+    # Not following links: in /tmp anyone may have made the name first.
+    if not _private_directory(folder, False) or len(path.encode()) >= _SOCKET_PATH_LIMIT:
+        raise ServiceNotReachable(f"No private folder for the socket of {service_name}")
+    return path
+
+
+def find_service_executable(service_name: str = DEFAULT_SERVICE_NAME) -> str | None:
+    """$LM_SERVICE_DIR/<name> when LM_SERVICE_DIR is set, else <name> on PATH."""
+    folder = os.environ.get("LM_SERVICE_DIR")
+    if folder:
+        return os.path.join(folder, service_name)
+    return shutil.which(service_name)
+
+
+class ServiceClient:
+    """Calls one service, starting it when nothing listens.
+
+    executable: the service program to start on demand; default
+    find_service_executable(service_name). It is started with service_name
+    as its program name, which names its socket. The service ends by itself
+    after a minute without calls; `started` is the process this client
+    started (or None), for callers that want to end it sooner.
+    """
+
+    def __init__(self, service_name: str = DEFAULT_SERVICE_NAME, executable: str | None = None):
+        self.service_name = service_name
+        self.executable = executable
+        self.started: subprocess.Popen | None = None
+
+    def call(self, task: Any) -> Any:
+        """Sends `task` (a dict of plain values) and returns the decoded
+        result (None for a reply without bytes). Raises ServiceError for an
+        error reply, ServiceNotReachable when no reply came."""
+        request = archive(task)
+        if len(request) > _MAX_FRAME_BYTES:
+            raise ServiceError("Request too large")
+        with self._connect() as sock:
+            try:
+                sock.sendall(_frame(_KIND_REQUEST, request))
+            except OSError:
+                pass  # a service that refuses the request still answers; read it
+            kind, payload = _read_frame(sock)
+        if kind == _KIND_ERROR:
+            raise _parse_error(payload)
+        if kind != _KIND_RESULT:
+            raise ServiceNotReachable("The service's reply has an unknown kind")
+        return unarchive(payload) if payload else None
+
+    def boot(self) -> Any:
+        """The warm-up call: starts the service if needed; returns {"boot": "success"}."""
+        return self.call({"__boot": True})
+
+    def analyze(self, path: str | os.PathLike, currency: str = "",
+                taxes: Iterable[int | float | decimal.Decimal] = ()) -> dict:
+        """The analysis of the PDF at `path` (see the module's analyze)."""
+        with open(path, "rb") as f:
+            data = f.read()
+        result = self.call({"data": data, "currency": currency, "taxes": list(taxes)})
+        if not isinstance(result, dict):
+            raise ServiceError("No result")
+        return result
+
+    def _connect(self) -> socket.socket:
+        path = socket_path(self.service_name)
+        deadline = time.monotonic() + _CONNECT_PATIENCE
+        pause, started = 0.005, False
+        while True:
+            sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            try:
+                sock.connect(path)
+                return sock
+            except OSError as e:
+                sock.close()
+                if e.errno in (errno.ENOENT, errno.ECONNREFUSED):
+                    if not started:
+                        self._start(path)
+                        started = True
+                elif e.errno != errno.EAGAIN:
+                    raise ServiceNotReachable(f"Could not connect to {path}: {e.strerror}")
+                if time.monotonic() + pause > deadline:
+                    raise ServiceNotReachable(
+                        f"The service did not answer at {path}: {e.strerror}") from None
+            time.sleep(pause)
+            pause = min(pause * 2, 0.2)
+
+    def _start(self, socket_file: str) -> None:
+        executable = self.executable or find_service_executable(self.service_name)
+        if not executable:
+            raise ServiceNotReachable(f"Could not find the service executable {self.service_name}")
+        log = os.path.join(os.path.dirname(socket_file), self.service_name + ".log")
+        try:
+            fd = os.open(log, os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_NOFOLLOW, 0o600)
+        except OSError:
+            fd = subprocess.DEVNULL
+        env = {k: v for k, v in os.environ.items()
+               if k not in ("LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES")}
+        try:
+            self.started = subprocess.Popen(
+                [self.service_name], executable=executable, stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL, stderr=fd, env=env, start_new_session=True)
+        except OSError as e:
+            raise ServiceNotReachable(f"Could not start {executable}: {e.strerror}") from None
+        finally:
+            if fd != subprocess.DEVNULL:
+                os.close(fd)
+
+
+def analyze(path: str | os.PathLike, currency: str = "",
+            taxes: Iterable[int | float | decimal.Decimal] = (), *,
+            executable: str | None = None,
+            service_name: str = DEFAULT_SERVICE_NAME) -> dict:
+    """The service's analysis of the PDF at `path`.
+
+    currency: the default currency code when the document names none;
+    taxes: the tax rates in percent that apply. Returns the result dict
+    ("gross", "net", "tax" as Decimal or None, "currency", "date" as a UTC
+    datetime or None, "pages" as one str per page, the found elements as
+    dicts with "$class", ...). Raises ServiceError with the service's message
+    (e.g. "Could not open document"), ServiceNotReachable when the service
+    could not be reached.
+    """
+    return ServiceClient(service_name, executable).analyze(path, currency, taxes)

@@ -1,0 +1,307 @@
+// Socket paths, frames, the server's pool and timeouts in this process, and
+// the client starting the real service on demand.
+#include "service/transport.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "kit/diagnostics.h"
+#include "service/keyed_archive.h"
+#include "service/server.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<uint8_t>;
+
+constexpr auto kPatience = 20s;
+
+// A private temporary folder as XDG_RUNTIME_DIR, restored afterwards.
+class RuntimeFolder : public testing::Test {
+ protected:
+  void SetUp() override {
+    lmSetLogSink([](std::string_view) {});
+    for (const char* name : {"XDG_RUNTIME_DIR", "LM_SERVICE_DIR"}) {
+      const char* value = std::getenv(name);
+      saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+    }
+    char pattern[] = "/tmp/lmreceipt-test-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(pattern));
+    dir_ = pattern;
+    setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
+  }
+  void TearDown() override {
+    for (const auto& [name, value] : saved_) {
+      if (value) setenv(name.c_str(), value->c_str(), 1); else unsetenv(name.c_str());
+    }
+    std::filesystem::remove_all(dir_);
+    lmSetLogSink({});
+  }
+  std::string dir_;
+  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+int connectTo(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+  close(fd);
+  return -1;
+}
+
+using TransportTest = RuntimeFolder;
+
+TEST_F(TransportTest, SocketPathNeedsAPrivateFolder) {
+  const std::string fallback = "/tmp/lmreceipt-test-" + std::to_string(getpid()) + "-" +
+                               std::to_string(geteuid());
+  const std::string name = "lmreceipt-test-" + std::to_string(getpid());
+  const std::string shared = dir_ + "/shared", missing = dir_ + "/missing";
+  const std::string deep = dir_ + "/" + std::string(100, 'd');
+  mkdir(shared.c_str(), 0755);
+  mkdir(deep.c_str(), 0700);
+  struct Case {
+    const char* what;
+    std::optional<std::string> runtime;
+    std::string name;
+    std::string expected;
+  } cases[] = {
+      {"private runtime folder", dir_, name, dir_ + "/" + name + ".sock"},
+      {"unset", std::nullopt, name, fallback + "/" + name + ".sock"},
+      {"relative", "run/user", name, fallback + "/" + name + ".sock"},
+      {"others may enter", shared, name, fallback + "/" + name + ".sock"},
+      {"missing", missing, name, fallback + "/" + name + ".sock"},
+      {"too long for a socket address", deep, name, fallback + "/" + name + ".sock"},
+      {"empty name", dir_, "", ""},
+      {"name with a slash", dir_, "../x", ""},
+      {"dot dot", dir_, "..", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.runtime) setenv("XDG_RUNTIME_DIR", c.runtime->c_str(), 1); else unsetenv("XDG_RUNTIME_DIR");
+    EXPECT_EQ(c.expected, lmServiceSocketPath(c.name));
+  }
+  struct stat st {};
+  ASSERT_EQ(0, lstat(fallback.c_str(), &st));
+  EXPECT_EQ(0700u, st.st_mode & 0777);
+  rmdir(fallback.c_str());
+
+  // A fallback folder someone else could have made is not trusted.
+  unsetenv("XDG_RUNTIME_DIR");
+  ASSERT_EQ(0, mkdir(fallback.c_str(), 0755));
+  EXPECT_EQ("", lmServiceSocketPath(name));
+  rmdir(fallback.c_str());
+  ASSERT_EQ(0, symlink(dir_.c_str(), fallback.c_str()));
+  EXPECT_EQ("", lmServiceSocketPath(name));
+  unlink(fallback.c_str());
+}
+
+TEST_F(TransportTest, WriteFrameSurvivesSlowAndVanishedReaders) {
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+  Bytes payload(8u << 20);
+  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i * 131 + (i >> 13));
+  // Far beyond the socket's buffer: the writer sees many partial writes.
+  auto reader = std::async(std::launch::async, [&] {
+    LMFrame frame;
+    return std::make_pair(lmReadFrame(pair[1], std::chrono::steady_clock::now() + kPatience, &frame),
+                          frame);
+  });
+  ASSERT_TRUE(lmWriteFrame(pair[0], kLMFrameResult, payload, std::chrono::steady_clock::now() + kPatience));
+  auto [status, frame] = reader.get();
+  EXPECT_EQ(LMFrameStatus::kOk, status);
+  EXPECT_TRUE(frame.payload == payload);
+
+  // The reader is gone: a failure, not SIGPIPE.
+  close(pair[1]);
+  std::string why;
+  EXPECT_FALSE(lmWriteFrame(pair[0], kLMFrameResult, payload, kLMNoDeadline, &why));
+  EXPECT_FALSE(why.empty());
+  close(pair[0]);
+}
+
+// A worker that waits at a gate; counts how many run at once.
+struct Gate {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool open = false;
+  int workers = 0, running = 0, mostRunning = 0;
+};
+
+class GateWorker : public LMXPCBaseWorker {
+ public:
+  explicit GateWorker(Gate& gate) : gate_(gate) {}
+  void work() override {
+    std::unique_lock<std::mutex> lock(gate_.mutex);
+    gate_.mostRunning = std::max(gate_.mostRunning, ++gate_.running);
+    gate_.changed.notify_all();
+    gate_.changed.wait(lock, [&] { return gate_.open; });
+    --gate_.running;
+    doneWithResult(LMDictionary{{u"worker", gate_.workers}});
+  }
+
+ private:
+  Gate& gate_;
+};
+
+class ServerTest : public RuntimeFolder {
+ protected:
+  void start(LMServerOptions options) {
+    server_ = std::make_unique<LMServer>(
+        [this] {
+          std::lock_guard<std::mutex> lock(gate_.mutex);
+          ++gate_.workers;
+          return std::make_unique<GateWorker>(gate_);
+        },
+        options);
+    ASSERT_EQ(LMListener::Outcome::kListening, listener_.open("lmreceipt-test"));
+    path_ = listener_.path();
+    served_ = std::async(std::launch::async, [this] { server_->serve(listener_); });
+  }
+  void TearDown() override {
+    {
+      std::lock_guard<std::mutex> lock(gate_.mutex);
+      gate_.open = true;
+    }
+    gate_.changed.notify_all();
+    if (server_) server_->stop();
+    if (served_.valid()) served_.wait();
+    RuntimeFolder::TearDown();
+  }
+  // Sends an empty request on a new connection.
+  int call() {
+    const int fd = connectTo(path_);
+    const auto header = lmFrameHeader(kLMFrameRequest, 0);
+    EXPECT_EQ(16, write(fd, header.data(), header.size()));
+    return fd;
+  }
+  LMFrame reply(int fd) {
+    LMFrame frame;
+    EXPECT_EQ(LMFrameStatus::kOk,
+              lmReadFrame(fd, std::chrono::steady_clock::now() + kPatience, &frame));
+    close(fd);
+    return frame;
+  }
+
+  Gate gate_;
+  LMListener listener_;
+  std::unique_ptr<LMServer> server_;
+  std::future<void> served_;
+  std::string path_;
+};
+
+TEST_F(ServerTest, CallsRunInParallelUpToTheCap) {
+  LMServerOptions options;
+  options.maxConnections = 2;
+  start(options);
+  std::vector<int> fds = {call(), call(), call()};
+  {
+    std::unique_lock<std::mutex> lock(gate_.mutex);
+    ASSERT_TRUE(gate_.changed.wait_for(lock, kPatience, [&] { return gate_.running == 2; }));
+  }
+  // The third waits in the listen queue while two are served.
+  std::this_thread::sleep_for(200ms);
+  {
+    std::lock_guard<std::mutex> lock(gate_.mutex);
+    EXPECT_EQ(2, gate_.workers);
+    gate_.open = true;
+  }
+  gate_.changed.notify_all();
+  for (int fd : fds) EXPECT_EQ(kLMFrameResult, reply(fd).kind);
+  EXPECT_EQ(3, gate_.workers);  // one worker per connection
+  EXPECT_EQ(2, gate_.mostRunning);
+
+  server_->stop();
+  EXPECT_EQ(std::future_status::ready, served_.wait_for(kPatience));
+}
+
+TEST_F(ServerTest, StuckClientIsCutOffAndIdleServerLeaves) {
+  LMServerOptions options;
+  options.ioTimeout = 200ms;
+  options.idleTimeout = 500ms;
+  start(options);
+  const int fd = connectTo(path_);
+  ASSERT_EQ(5, write(fd, "LMXP\x01", 5));
+  const LMFrame frame = reply(fd);
+  ASSERT_EQ(kLMFrameError, frame.kind);
+  EXPECT_EQ(u"Request timed out", lmParseErrorPayload(frame.payload)->message);
+
+  ASSERT_EQ(std::future_status::ready, served_.wait_for(kPatience));
+  EXPECT_NE(0, access(path_.c_str(), F_OK));
+}
+
+class ClientTest : public RuntimeFolder {
+ protected:
+  void SetUp() override {
+    RuntimeFolder::SetUp();
+    // The detached service becomes our child, so that it can be reaped.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const std::string executable = LM_SERVICE_EXECUTABLE;
+    setenv("LM_SERVICE_DIR", executable.substr(0, executable.rfind('/')).c_str(), 1);
+  }
+  void TearDown() override {
+    const int fd = connectTo(dir_ + "/lmreceipt-service.sock");
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+      close(fd);
+      kill(peer.pid, SIGTERM);
+      int status = 0;
+      EXPECT_EQ(peer.pid, waitpid(peer.pid, &status, 0));
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    RuntimeFolder::TearDown();
+  }
+};
+
+TEST_F(ClientTest, CallsStartTheServiceOnce) {
+  const Bytes boot = *lxDataSerialize(LMDictionary{{u"__boot", true}});
+  std::vector<std::future<std::optional<LMWireReply>>> calls;
+  for (int i = 0; i < 4; ++i) {
+    calls.push_back(std::async(std::launch::async, [&] { return lmServiceCall("lmreceipt-service", boot); }));
+  }
+  for (auto& call : calls) {
+    auto reply = call.get();
+    ASSERT_TRUE(reply);
+    ASSERT_FALSE(reply->error);
+    EXPECT_EQ(LMValue(LMDictionary{{u"boot", u"success"}}), lxDataUnserialize(reply->bytes));
+  }
+  std::ifstream log(dir_ + "/lmreceipt-service.log");
+  const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+  size_t starts = 0;
+  for (size_t at = text.find("Started Worker"); at != std::string::npos; at = text.find("Started Worker", at + 1)) {
+    ++starts;
+  }
+  EXPECT_EQ(1u, starts) << text;
+
+  auto error = lmServiceCall("lmreceipt-service", {});
+  ASSERT_TRUE(error && error->error);
+  EXPECT_EQ(u"data required", error->error->message);
+  EXPECT_EQ(u"com.brightmoor.error", error->error->domain);
+  EXPECT_EQ(101, error->error->code);
+}
+
+TEST_F(ClientTest, CallFailsWhenTheServiceCannotStart) {
+  setenv("LM_SERVICE_DIR", (dir_ + "/nowhere").c_str(), 1);
+  std::string failure;
+  EXPECT_FALSE(lmServiceCall("lmreceipt-service", {}, &failure));
+  EXPECT_NE(std::string::npos, failure.find("Could not start")) << failure;
+}
+
+}  // namespace

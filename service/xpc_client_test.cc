@@ -1,0 +1,262 @@
+#include "service/xpc_client.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kit/diagnostics.h"
+#include "kit/unicode.h"
+#include "service/keyed_archive.h"
+
+namespace {
+
+// Stands in for the wire: decodes each request, answers through `answer`.
+class FakeService {
+ public:
+  using Answer = std::function<std::optional<LMWireReply>(const LMValue& request,
+                                                          std::string* failure)>;
+
+  explicit FakeService(Answer answer = {}) : answer_(std::move(answer)) {}
+
+  static LMWireReply archived(const LMValue& value) {
+    return LMWireReply{lxDataSerialize(value).value_or(std::vector<uint8_t>()), std::nullopt};
+  }
+
+  LMXPC::Transport transport() {
+    return [this](std::string_view name, std::span<const uint8_t> bytes, std::string* failure) {
+      return call(name, bytes, failure);
+    };
+  }
+
+  std::vector<LMValue> requests() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+  }
+  int mostInFlight() const { return mostInFlight_.load(); }
+
+ private:
+  std::optional<LMWireReply> call(std::string_view name, std::span<const uint8_t> bytes,
+                                  std::string* failure) {
+    EXPECT_EQ("test-service", name);
+    const int now = ++inFlight_;
+    mostInFlight_ = std::max(mostInFlight_.load(), now);
+    LMValue request = lxDataUnserialize(bytes).value_or(LMValue());
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      requests_.push_back(request);
+    }
+    std::optional<LMWireReply> reply;
+    const LMDictionary* task = request.asDictionary();
+    if (task && task->contains(u"__boot")) {
+      reply = archived(LMDictionary{{u"boot", u"success"}});
+    } else if (answer_) {
+      reply = answer_(request, failure);
+    } else {
+      reply = archived(LMDictionary{{u"echo", request}});
+    }
+    --inFlight_;
+    return reply;
+  }
+
+  Answer answer_;
+  std::mutex mutex_;
+  std::vector<LMValue> requests_;
+  std::atomic<int> inFlight_{0};
+  std::atomic<int> mostInFlight_{0};
+};
+
+class XPCClientTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    lmSetLogSink([this](std::string_view line) {
+      std::lock_guard<std::mutex> lock(logMutex);
+      log.emplace_back(line);
+    });
+  }
+  void TearDown() override { lmSetLogSink({}); }
+
+  bool logged(const std::string& text) {
+    std::lock_guard<std::mutex> lock(logMutex);
+    for (const std::string& line : log) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  std::mutex logMutex;
+  std::vector<std::string> log;
+};
+
+TEST_F(XPCClientTest, TheWarmUpCallGoesFirst) {
+  FakeService service;
+  LMValue result;
+  {
+    LMXPC xpc("test-service", service.transport());
+    EXPECT_EQ(1, xpc.operationQueue().maxConcurrentOperationCount());
+    result = xpc.performXPCWithObject(LMDictionary{{u"task", 1}});
+  }
+  const std::vector<LMValue> requests = service.requests();
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(LMValue(LMDictionary{{u"__boot", true}}), requests[0]);
+  EXPECT_EQ(LMValue(LMDictionary{{u"task", 1}}), requests[1]);
+  EXPECT_EQ(LMValue(LMDictionary{{u"echo", LMDictionary{{u"task", 1}}}}), result);
+}
+
+TEST_F(XPCClientTest, RepliesBecomeResultOrError) {
+  struct Case {
+    const char* name;
+    std::optional<LMWireReply> reply;
+    std::string failure;
+    LMValue result;
+    std::optional<std::u16string> error;
+  } cases[] = {
+      {"result", FakeService::archived(LMDictionary{{u"gross", u"15.30"}}), "",
+       LMDictionary{{u"gross", u"15.30"}}, std::nullopt},
+      {"no bytes", LMWireReply{}, "", LMValue(), std::nullopt},
+      {"undecodable bytes", LMWireReply{{'n', 'o', 'p', 'e'}, std::nullopt}, "", LMValue(),
+       std::nullopt},
+      {"error reply",
+       LMWireReply{{}, LMXPCError{kLMErrorDomain, kLMErrorCode, u"Could not open document"}},
+       "", LMValue(), u"Could not open document"},
+      {"no reply", std::nullopt, "The service closed the connection without a reply",
+       LMValue(), u"Service not reachable: The service closed the connection without a reply"},
+      {"no reply, no reason", std::nullopt, "", LMValue(), u"Service not reachable: no reply"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeService service([&](const LMValue&, std::string* failure) {
+      *failure = c.failure;
+      return c.reply;
+    });
+    LMXPC xpc("test-service", service.transport());
+    int calls = 0;
+    xpc.performXPCSynchronousWithObject(
+        LMDictionary{{u"task", 1}},
+        [&](const LMValue& result, const std::optional<LMXPCError>& error) {
+          ++calls;
+          EXPECT_EQ(c.result, result);
+          ASSERT_EQ(c.error.has_value(), error.has_value());
+          if (error) {
+            EXPECT_EQ(*c.error, error->message);
+            EXPECT_EQ(u"com.brightmoor.error", error->domain);
+            EXPECT_EQ(101, error->code);
+          }
+        });
+    EXPECT_EQ(1, calls);
+  }
+  EXPECT_TRUE(logged("lxDataUnserialize: "));
+}
+
+TEST_F(XPCClientTest, PerformXPCWithObjectLogsFailuresAndAnswersNil) {
+  struct Case {
+    const char* name;
+    std::optional<LMWireReply> reply;
+    std::vector<std::string> logs;
+  } cases[] = {
+      {"error reply",
+       LMWireReply{{}, LMXPCError{kLMErrorDomain, kLMErrorCode, u"Could not open document"}},
+       {"Error while executing XPC task occured: Error Domain=com.brightmoor.error Code=101 "
+        "\"Could not open document\""}},
+      {"error without message", LMWireReply{{}, LMXPCError{}},
+       {"occured: Error Domain=com.brightmoor.error Code=101 \"(null)\""}},
+      {"neither result nor error", LMWireReply{},
+       {"(operation->error()) failed assertion", "Error while executing XPC task occured: (null)"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeService service([&](const LMValue&, std::string*) { return c.reply; });
+    LMXPC xpc("test-service", service.transport());
+    EXPECT_TRUE(xpc.performXPCWithObject(LMDictionary{{u"task", 1}}).isNil());
+    for (const std::string& line : c.logs) EXPECT_TRUE(logged(line)) << line;
+  }
+}
+
+TEST_F(XPCClientTest, SynchronousCallWithoutClosureAssertsAndStillCalls) {
+  FakeService service;
+  {
+    LMXPC xpc("test-service", service.transport());
+    xpc.performXPCSynchronousWithObject(LMDictionary{{u"task", 2}}, LMXPC::ReplyBlock());
+  }
+  EXPECT_TRUE(logged("(block) failed assertion"));
+  ASSERT_EQ(2u, service.requests().size());
+  EXPECT_EQ(LMValue(LMDictionary{{u"task", 2}}), service.requests()[1]);
+}
+
+TEST_F(XPCClientTest, CallsFromManyThreadsReachTheServiceOneAtATime) {
+  FakeService service([](const LMValue& request, std::string*) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));  // lets overlaps show
+    return FakeService::archived(LMDictionary{{u"n", request.at(u"n")}});
+  });
+  std::vector<int64_t> answers(8, -1);
+  {
+    LMXPC xpc("test-service", service.transport());
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 8; ++i) {
+      callers.emplace_back([&, i] {
+        answers[i] = xpc.performXPCWithObject(LMDictionary{{u"n", i}}).at(u"n").toInt();
+      });
+    }
+    for (std::thread& t : callers) t.join();
+  }
+  EXPECT_EQ(1, service.mostInFlight());
+  EXPECT_EQ(9u, service.requests().size());
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(i, answers[i]) << "caller " << i;
+}
+
+TEST_F(XPCClientTest, DestroyingTheClientWaitsForQueuedCalls) {
+  FakeService service;
+  std::vector<std::shared_ptr<LMXPCOperation>> operations;
+  {
+    LMXPC xpc("test-service", service.transport());
+    for (int i = 0; i < 3; ++i) {
+      auto operation = std::make_shared<LMXPCOperation>(&xpc);
+      operation->setTaskInfo(LMDictionary{{u"n", i}});
+      xpc.operationQueue().addOperation(operation);
+      operations.push_back(operation);
+    }
+  }
+  EXPECT_EQ(4u, service.requests().size());
+  for (const auto& operation : operations) {
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_EQ(nullptr, operation->xpcHelper());
+    EXPECT_EQ(LMValue(LMDictionary{{u"echo", operation->taskInfo()}}), operation->taskResult());
+  }
+}
+
+TEST_F(XPCClientTest, AServiceThatCannotBeStartedIsAnErrorReply) {
+  const std::filesystem::path runtime =
+      std::filesystem::temp_directory_path() / ("lm-xpc-test-" + std::to_string(getpid()));
+  std::filesystem::create_directory(runtime);
+  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
+  const char* oldRuntime = getenv("XDG_RUNTIME_DIR");
+  const std::string savedRuntime = oldRuntime ? oldRuntime : "";
+  setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+  setenv("LM_SERVICE_DIR", (runtime / "missing").c_str(), 1);
+  std::optional<LMXPCError> error;
+  {
+    LMXPC xpc("lmreceipt-missing-service");
+    xpc.performXPCSynchronousWithObject(
+        LMDictionary{{u"task", 5}},
+        [&](const LMValue&, const std::optional<LMXPCError>& e) { error = e; });
+  }
+  unsetenv("LM_SERVICE_DIR");
+  if (oldRuntime) {
+    setenv("XDG_RUNTIME_DIR", savedRuntime.c_str(), 1);
+  } else {
+    unsetenv("XDG_RUNTIME_DIR");
+  }
+  std::filesystem::remove_all(runtime);
+  ASSERT_TRUE(error.has_value());
+  EXPECT_EQ(101, error->code);
+  EXPECT_EQ(u"com.brightmoor.error", error->domain);
+  EXPECT_EQ(0u, error->message.find(u"Service not reachable: ")) << lmUtf8(error->message);
+}
+
+}  // namespace
