@@ -15,6 +15,8 @@ packages=(
   libjpeg-dev libfreetype-dev libharfbuzz-dev zlib1g-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
+  # sanitizer and fuzzing build
+  clang libclang-rt-14-dev
 )
 
 missing=()
