@@ -455,7 +455,7 @@ TEST(KeyedArchiveTest, ReadsWhatOtherArchiversWrite) {
              r.object("MyList", {{"NS.objects", uids({one})}}, {"NSMutableArray", "NSArray"});
          return r.object("MySet", {{"NS.objects", uids({list})}}, {"NSSet"});
        },
-       LMArray{LMArray{1}}},
+       LMArray{LMValue(LMArray{1})}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
