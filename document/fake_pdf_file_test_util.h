@@ -12,6 +12,7 @@
 #include "document/pdf_document.h"
 #include "document/pdf_file.h"
 #include "kit/diagnostics.h"
+#include "kit/test_support.h"
 
 class LMFakePdfPage : public LMPdfFilePage {
  public:
@@ -76,19 +77,6 @@ class LMFakePdfFile : public LMPdfFile {
   std::optional<std::u16string> creator_, producer_, string_;
   mutable int stringRequests_ = 0;
   mutable int pageRequests_ = 0;
-};
-
-// Collects log entries while it exists.
-class LMLogCapture {
- public:
-  LMLogCapture() {
-    lmSetLogSink([this](std::string_view line) { lines_.emplace_back(line); });
-  }
-  ~LMLogCapture() { lmSetLogSink(nullptr); }
-  const std::vector<std::string>& lines() const { return lines_; }
-
- private:
-  std::vector<std::string> lines_;
 };
 
 // testdata/pdf/`name` opened through the adapter; null when unreadable.

@@ -14,6 +14,7 @@
 
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
+#include "kit/test_support.h"
 
 namespace {
 
@@ -41,26 +42,6 @@ LMTextRange rangeOf(const LMPdfFilePage& page, std::u16string_view needle) {
   return LMTextRange::make(at, needle.size());
 }
 
-// Collects log entries while alive, standard error untouched.
-class LogCapture {
- public:
-  LogCapture() {
-    lmSetLogSink([this](std::string_view line) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.emplace_back(line);
-    });
-  }
-  ~LogCapture() { lmSetLogSink(nullptr); }
-  std::vector<std::string> lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
 const char* const kAllFixtures[] = {
     "pdf/a4_portrait.pdf",  "pdf/a4_landscape.pdf", "pdf/us_letter.pdf",
     "pdf/rotated.pdf",      "pdf/no_text.pdf",      "pdf/two_pages.pdf",
@@ -77,7 +58,7 @@ void expectNear(const LMRect& expected, const LMRect& actual, double tolerance) 
 }
 
 TEST(PdfFileTest, OpensFixturesWithPagesMediaBoxesAndTexts) {
-  LogCapture log;  // broken_xref.pdf reports its repair
+  LMLogCapture log;  // broken_xref.pdf reports its repair
   const std::u16string portrait = u"Rechnung Nr. 4711\nDatum: 14.11.2026\nSumme netto 14,30 EUR";
   struct Case {
     const char* file;
@@ -320,7 +301,7 @@ void expectLinesAndRunsInStep(const LMPdfFilePage& page) {
 }
 
 TEST(PdfFileTest, LinesRunsAndTextAgreeOnEveryFixture) {
-  LogCapture log;  // broken_xref.pdf reports its repair
+  LMLogCapture log;  // broken_xref.pdf reports its repair
   for (const char* name : kAllFixtures) {
     auto file = openFixture(name);
     ASSERT_TRUE(file) << name;
@@ -426,7 +407,7 @@ TEST(PdfFileTest, UnreadableBytesGiveNullQuietly) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    LogCapture log;
+    LMLogCapture log;
     testing::internal::CaptureStderr();
     EXPECT_FALSE(lmOpenPdfFile(c.bytes));
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
@@ -436,7 +417,7 @@ TEST(PdfFileTest, UnreadableBytesGiveNullQuietly) {
 TEST(PdfFileTest, TruncatedFileOpensRepairedWithAnEmptyPage) {
   // The second half held the page object, the document information and the
   // cross-reference table: MuPDF rebuilds the rest and keeps the page slot.
-  LogCapture log;
+  LMLogCapture log;
   testing::internal::CaptureStderr();
   {
     auto file = openFixture("pdf/truncated.pdf");
@@ -464,7 +445,7 @@ TEST(PdfFileTest, RepairedFileIsReadAndReportedOnceInTheLog) {
   } cases[] = {{"pdf/broken_xref.pdf", 1}, {"sample-receipt.pdf", 0}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file);
-    LogCapture log;
+    LMLogCapture log;
     testing::internal::CaptureStderr();
     {
       auto file = openFixture(c.file);
@@ -507,7 +488,7 @@ TEST(PdfFileTest, DocumentsAreReadOnSeveralThreadsAtOnce) {
   const char* const names[] = {"pdf/multipage.pdf", "sample-receipt.pdf",
                                "pdf/unicode.pdf", "pdf/broken_xref.pdf",
                                "pdf/rotated.pdf"};
-  LogCapture log;  // broken_xref.pdf reports its repair
+  LMLogCapture log;  // broken_xref.pdf reports its repair
   // What one thread reads alone.
   std::vector<std::vector<uint8_t>> bytes;
   std::vector<std::u16string> expected;

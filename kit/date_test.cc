@@ -1,23 +1,13 @@
 #include "kit/date.h"
 
 #include <gtest/gtest.h>
+
+#include "kit/test_support.h"
 #include <unicode/timezone.h>
 
 #include <memory>
 
 namespace {
-
-// Runs a test body in a fixed time zone and restores the previous one.
-class ZoneScope {
- public:
-  explicit ZoneScope(const char16_t* id) : previous_(icu::TimeZone::createDefault()) {
-    icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone(icu::UnicodeString(id)));
-  }
-  ~ZoneScope() { icu::TimeZone::adoptDefault(previous_.release()); }
-
- private:
-  std::unique_ptr<icu::TimeZone> previous_;
-};
 
 TEST(DateTest, UnixTimeStampRoundsDownAlsoBefore1970) {
   EXPECT_EQ(u"0", LMDate::fromTimeIntervalSince1970(0.9).unixTimeStampString());
@@ -27,7 +17,7 @@ TEST(DateTest, UnixTimeStampRoundsDownAlsoBefore1970) {
 }
 
 TEST(DateTest, ComponentsAreLenientAndAtNoonInTheCurrentZone) {
-  ZoneScope zone(u"Europe/Berlin");
+  LMTimeZoneScope zone(u"Europe/Berlin");
   auto d = LMDate::fromComponents(2021, 3, 3);
   ASSERT_TRUE(d);
   EXPECT_EQ(1614769200.0, d->timeIntervalSince1970());  // 12:00 CET = 11:00 UTC
@@ -38,7 +28,7 @@ TEST(DateTest, ComponentsAreLenientAndAtNoonInTheCurrentZone) {
 }
 
 TEST(DateTest, DaysSinceTruncatesAcrossShortDaylightSavingDay) {
-  ZoneScope zone(u"Europe/Berlin");
+  LMTimeZoneScope zone(u"Europe/Berlin");
   // 2021-03-28 has 23 hours in Berlin: the step from the 28th to the 29th
   // spans 23 hours between the starts of the days and so counts as 0 days.
   auto day28 = *LMDate::fromComponents(2021, 3, 28);
@@ -57,11 +47,11 @@ TEST(DateTest, YearFollowsTheZoneAtNewYear) {
   // 2021-12-31 23:30 UTC is already 2022 in Berlin.
   auto instant = LMDate::fromTimeIntervalSince1970(1640993400);
   {
-    ZoneScope zone(u"Europe/Berlin");
+    LMTimeZoneScope zone(u"Europe/Berlin");
     EXPECT_EQ(2022, instant.yearOfCommonEra());
   }
   {
-    ZoneScope zone(u"UTC");
+    LMTimeZoneScope zone(u"UTC");
     EXPECT_EQ(2021, instant.yearOfCommonEra());
     EXPECT_EQ(u"2021-12-31", instant.descriptionDate());
   }

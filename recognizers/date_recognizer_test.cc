@@ -1,6 +1,8 @@
 #include "recognizers/date_recognizer.h"
 
 #include <gtest/gtest.h>
+
+#include "kit/test_support.h"
 #include <unicode/timezone.h>
 
 #include <filesystem>
@@ -17,18 +19,6 @@
 
 namespace {
 
-// Runs a test body in a fixed time zone and restores the previous one.
-class ZoneScope {
- public:
-  explicit ZoneScope(const char16_t* id) : previous_(icu::TimeZone::createDefault()) {
-    icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone(icu::UnicodeString(id)));
-  }
-  ~ZoneScope() { icu::TimeZone::adoptDefault(previous_.release()); }
-
- private:
-  std::unique_ptr<icu::TimeZone> previous_;
-};
-
 constexpr int64_t kPivotYear = 2026;
 
 std::vector<std::u16string> days(std::u16string_view text, int64_t pivot = kPivotYear) {
@@ -40,7 +30,7 @@ std::vector<std::u16string> days(std::u16string_view text, int64_t pivot = kPivo
 }
 
 TEST(DateRecognizerTest, ReadsEveryForm) {
-  ZoneScope zone(u"Europe/Berlin");
+  LMTimeZoneScope zone(u"Europe/Berlin");
   struct Case {
     std::u16string text;
     std::u16string day;
@@ -109,7 +99,7 @@ TEST(DateRecognizerTest, ExpandsTwoDigitYearsAroundThePivotYear) {
     SCOPED_TRACE(testing::Message() << c.year << " around " << c.pivot);
     EXPECT_EQ(c.expected, LMReceiptParserDate::expandedYear(c.year, c.pivot));
   }
-  ZoneScope zone(u"Europe/Berlin");
+  LMTimeZoneScope zone(u"Europe/Berlin");
   EXPECT_EQ(std::vector<std::u16string>{u"2027-01-01"}, days(u"1.1.27", 2026));
   EXPECT_EQ(std::vector<std::u16string>{u"1928-01-01"}, days(u"1.1.28", 2026));
   EXPECT_EQ(std::vector<std::u16string>{u"2028-01-01"}, days(u"1.1.28", 2027));
@@ -122,7 +112,7 @@ TEST(DateRecognizerTest, DatesAreAtNoonInTheCurrentZone) {
   } cases[] = {{u"Europe/Berlin", 1703415600}, {u"America/New_York", 1703437200}};
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.zone));
-    ZoneScope zone(c.zone);
+    LMTimeZoneScope zone(c.zone);
     const auto found = LMReceiptParserDate(kPivotYear).findDatesInText(u"24.12.2023");
     ASSERT_EQ(1u, found.size());
     EXPECT_EQ(c.seconds, found[0].timeIntervalSince1970());
@@ -130,7 +120,7 @@ TEST(DateRecognizerTest, DatesAreAtNoonInTheCurrentZone) {
 }
 
 TEST(DateRecognizerTest, ReportsEveryDateInTextOrderWithItsRange) {
-  ZoneScope zone(u"Europe/Berlin");
+  LMTimeZoneScope zone(u"Europe/Berlin");
   const std::u16string text =
       u"Rechnung vom 14.11.2026\nLieferung: 3. Nov. 2026, f\u00E4llig 2026-12-01";
   std::vector<std::u16string> matched;

@@ -10,30 +10,13 @@
 
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
+#include "kit/test_support.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-
-// Collects log entries, without their "date time process[pid:tid] " prefix,
-// while it exists.
-class LogCapture {
- public:
-  LogCapture() {
-    lmSetLogSink([this](std::string_view line) {
-      const size_t prefixEnd = line.find("] ");
-      lines_.emplace_back(prefixEnd == std::string_view::npos ? line
-                                                               : line.substr(prefixEnd + 2));
-    });
-  }
-  ~LogCapture() { lmSetLogSink(nullptr); }
-  const std::vector<std::string>& lines() const { return lines_; }
-
- private:
-  std::vector<std::string> lines_;
-};
 
 std::string utf8(const std::optional<std::u16string>& text) {
   return text ? lmUtf8(*text) : std::string("<nullopt>");
@@ -154,7 +137,7 @@ TEST(RegexTest, MatchKeepsSharedRegexAlive) {
 
 TEST(RegexTest, InvalidPatternLogsOnceAndFindsNothing) {
   const std::u16string text = u"abc (abc";
-  LogCapture log;
+  LMLogCapture log;
   const LMRegex regex(u"(?<n>abc");
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_THAT(log.lines()[0], StartsWith("Assertion <regex.cc:"));
@@ -170,7 +153,7 @@ TEST(RegexTest, InvalidPatternLogsOnceAndFindsNothing) {
 }
 
 TEST(RegexTest, DuplicateNameLogsAndLastDefinitionWins) {
-  LogCapture log;
+  LMLogCapture log;
   const LMRegex regex(u"(?<a>x)(?<a>y)");
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_THAT(log.lines()[0], StartsWith("Only define once! <regex.cc:"));
@@ -287,7 +270,7 @@ TEST(RegexTest, SharedRegexSearchesFromManyThreads) {
 namespace {
 
 TEST(RegexTest, PathologicalSearchStopsInsteadOfHanging) {
-  LogCapture log;
+  LMLogCapture log;
   // Nested quantifiers over a text that almost matches backtrack
   // exponentially; the time limit ends the search with no match.
   LMRegex regex(u"^(a+)+$", 0);

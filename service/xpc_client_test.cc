@@ -14,6 +14,7 @@
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
 #include "service/keyed_archive.h"
+#include "kit/test_support.h"
 
 namespace {
 
@@ -74,24 +75,9 @@ class FakeService {
 
 class XPCClientTest : public testing::Test {
  protected:
-  void SetUp() override {
-    lmSetLogSink([this](std::string_view line) {
-      std::lock_guard<std::mutex> lock(logMutex);
-      log.emplace_back(line);
-    });
-  }
-  void TearDown() override { lmSetLogSink({}); }
+  bool logged(const std::string& text) const { return log.contains(text); }
 
-  bool logged(const std::string& text) {
-    std::lock_guard<std::mutex> lock(logMutex);
-    for (const std::string& line : log) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
-  }
-
-  std::mutex logMutex;
-  std::vector<std::string> log;
+  LMLogCapture log;
 };
 
 TEST_F(XPCClientTest, TheWarmUpCallGoesFirst) {
