@@ -429,7 +429,8 @@ TEST_F(ServiceProcessTest, SocketIsPrivateAndGoesAwayOnTerm) {
   ASSERT_EQ(0, stat(socketPath_.c_str(), &st));
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
   EXPECT_EQ(0600u, st.st_mode & 0777);
-  EXPECT_NE(std::string::npos, log().find("Started Worker"));
+  // The socket exists before the server logs its start: wait for the line.
+  EXPECT_TRUE(waitForLog("Started Worker"));
 
   const int status = waitForExit(pid_, true);
   pids_.clear();
