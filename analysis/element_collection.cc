@@ -1,6 +1,7 @@
 // Element collection: runs the recognizers over every page's normalized text
 // and turns each finding into a found element placed on its page.
 #include <algorithm>
+#include <map>
 
 #include "analysis/receipt_parser.h"
 #include "document/pdf_page.h"
@@ -52,6 +53,29 @@ struct PageContext {
   }
 };
 
+// The character ranges of the dates collected so far, over all pages, for
+// the overlap test of amounts; answers in logarithmic time.
+class DateRanges {
+ public:
+  void add(LMTextRange r) {
+    if (r.length == 0) return;
+    starts_.emplace(r.location, r.end());
+    longest_ = std::max(longest_, r.length);
+  }
+  bool overlaps(LMTextRange r) const {
+    if (r.length == 0 || starts_.empty()) return false;
+    const uint64_t from = r.location > longest_ ? r.location - longest_ : 0;
+    for (auto it = starts_.lower_bound(from); it != starts_.end() && it->first < r.end(); ++it) {
+      if (it->second > r.location) return true;
+    }
+    return false;
+  }
+
+ private:
+  std::multimap<uint64_t, uint64_t> starts_;  // location -> end
+  uint64_t longest_ = 0;
+};
+
 std::u16string matchedText(std::u16string_view text, LMTextRange range) {
   if (!range.fitsIn(text.size())) return std::u16string();
   return std::u16string(text.substr(range.location, range.length));
@@ -62,6 +86,7 @@ std::u16string matchedText(std::u16string_view text, LMTextRange range) {
 void LMReceiptParser::parseElements() {
   Numbers numbers;
   Dates dates;
+  DateRanges dateRanges;
   std::vector<std::u16string> addresses;
   std::vector<std::u16string> links;
   Elements currencyFindings;
@@ -121,6 +146,7 @@ void LMReceiptParser::parseElements() {
           d->setDate(date);
           d->setDateString(matchedText(text, range));
           context.setUp(*d, range);
+          dateRanges.add(range);
           dates.push_back(d);
         });
 
@@ -148,6 +174,7 @@ void LMReceiptParser::parseElements() {
             d->setDate(item.date);
             d->setDateString(matchedText(normalized, item.range));
             context.setUp(*d, item.range);
+            dateRanges.add(item.range);
             dates.push_back(d);
           }
           break;
@@ -175,10 +202,7 @@ void LMReceiptParser::parseElements() {
                         int64_t places, const std::u16string*, const LMDictionary& info) {
           // Kept as it is: the overlap test compares character ranges only,
           // so a date on another page at the same positions hides an amount.
-          const bool insideDate = std::any_of(dates.begin(), dates.end(), [&](const auto& d) {
-            return d->range().intersects(range);
-          });
-          if (insideDate) return;
+          if (dateRanges.overlaps(range)) return;
           auto n = std::make_shared<LMFoundNumber>(amount, static_cast<uint64_t>(places));
           n->setNumberString(matchedText(text, range));
           n->setFeatures(info);

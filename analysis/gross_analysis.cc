@@ -48,11 +48,12 @@ void LMReceiptParser::analyzeAmountElements() {
     return n.decimalPlaces() == 2 && n.integerValue() > 0;
   });
 
-  const Elements currencies = currencyFindings_.value_or(Elements());
+  const auto currenciesByPage = lmGroupByPage(currencyFindings_.value_or(Elements()));
   for (const auto& candidate : candidates) {
     double best = std::numeric_limits<double>::infinity();
-    for (const auto& finding : currencies) {
-      if (finding->page() != candidate->page()) continue;
+    const auto onPage = currenciesByPage.find(candidate->page());
+    if (onPage == currenciesByPage.end()) continue;
+    for (const LMFoundElement* finding : onPage->second) {
       const double d = finding->normalizedDistanceToRect(candidate->bbox());
       if (d < best) {
         best = d;

@@ -3,10 +3,21 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "elements/found_number.h"
 #include "elements/found_term.h"
+
+// The elements of each page, in their order: lookups by page stay linear in
+// the number of elements however many pages a document has.
+template <typename T>
+std::unordered_map<int64_t, std::vector<const T*>> lmGroupByPage(
+    const std::vector<std::shared_ptr<T>>& elements) {
+  std::unordered_map<int64_t, std::vector<const T*>> byPage;
+  for (const auto& e : elements) byPage[e->page()].push_back(e.get());
+  return byPage;
+}
 
 // For every candidate, the term on the candidate's page with the smallest
 // distance (the term's normalizedDistanceToRect of the candidate's box plus

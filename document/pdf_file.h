@@ -77,7 +77,8 @@ class LMPdfFile {
 
   virtual int64_t pageCount() const = 0;
   // Page `index`, or null when the index is out of range or the page cannot
-  // be read. Pages are made once and kept by the file.
+  // be read. A file of up to 64 pages keeps every page it made; a longer one
+  // keeps a page only while a caller holds it, and makes it again later.
   virtual std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const = 0;
   // The document information's Creator and Producer; nullopt when absent.
   virtual std::optional<std::u16string> creator() const = 0;

@@ -506,7 +506,8 @@ class MuPdfFile final : public LMPdfFile {
             std::optional<std::u16string> creator, std::optional<std::u16string> producer)
       : document_(std::move(document)),
         pages_(static_cast<size_t>(pageCount)),
-        loaded_(static_cast<size_t>(pageCount), false),
+        weakPages_(static_cast<size_t>(pageCount)),
+        failed_(static_cast<size_t>(pageCount), false),
         creator_(std::move(creator)),
         producer_(std::move(producer)) {}
 
@@ -515,15 +516,27 @@ class MuPdfFile final : public LMPdfFile {
   std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const override {
     if (index < 0 || index >= pageCount()) return nullptr;
     const size_t i = static_cast<size_t>(index);
-    if (!loaded_[i]) {
-      // A page that cannot be read is not tried again.
-      loaded_[i] = true;
-      PageGeometry geometry{};
-      pdf_page* page = loadPage(document_->ctx(), document_->doc(), static_cast<int>(index),
-                                &geometry);
-      if (page) pages_[i] = std::make_shared<MuPdfPage>(document_, page, index, geometry);
+    if (pages_[i]) return pages_[i];
+    if (auto kept = weakPages_[i].lock()) return kept;
+    // A page that cannot be read is not tried again.
+    if (failed_[i]) return nullptr;
+    PageGeometry geometry{};
+    pdf_page* page = loadPage(document_->ctx(), document_->doc(), static_cast<int>(index),
+                              &geometry);
+    if (!page) {
+      failed_[i] = true;
+      return nullptr;
     }
-    return pages_[i];
+    auto made = std::make_shared<MuPdfPage>(document_, page, index, geometry);
+    // Short documents keep every page, so that asking again costs nothing.
+    // Long ones keep a page only while someone holds it, so that memory
+    // follows the pages in use rather than the page count.
+    if (pages_.size() <= kPagesAlwaysKept) {
+      pages_[i] = made;
+    } else {
+      weakPages_[i] = made;
+    }
+    return made;
   }
 
   std::optional<std::u16string> creator() const override { return creator_; }
@@ -545,8 +558,10 @@ class MuPdfFile final : public LMPdfFile {
 
  private:
   std::shared_ptr<MuPdfDocument> document_;
+  static constexpr size_t kPagesAlwaysKept = 64;
   mutable std::vector<std::shared_ptr<const LMPdfFilePage>> pages_;
-  mutable std::vector<bool> loaded_;
+  mutable std::vector<std::weak_ptr<const LMPdfFilePage>> weakPages_;
+  mutable std::vector<bool> failed_;
   std::optional<std::u16string> creator_;
   std::optional<std::u16string> producer_;
 };

@@ -283,9 +283,18 @@ int threeWay(const T& a, const T& b) {
 LMDictionary::LMDictionary(std::initializer_list<LMDictionaryEntry> entries) {
   for (const auto& e : entries) set(e.key, e.value);
 }
-LMDictionary::LMDictionary(const LMDictionary&) = default;
+LMDictionary::LMDictionary(const LMDictionary& other) : entries_(other.entries_) {
+  if (other.index_) index_ = std::make_unique<std::unordered_map<std::u16string, size_t>>(*other.index_);
+}
 LMDictionary::LMDictionary(LMDictionary&&) noexcept = default;
-LMDictionary& LMDictionary::operator=(const LMDictionary&) = default;
+LMDictionary& LMDictionary::operator=(const LMDictionary& other) {
+  if (this != &other) {
+    entries_ = other.entries_;
+    index_.reset();
+    if (other.index_) index_ = std::make_unique<std::unordered_map<std::u16string, size_t>>(*other.index_);
+  }
+  return *this;
+}
 LMDictionary& LMDictionary::operator=(LMDictionary&&) noexcept = default;
 LMDictionary::~LMDictionary() = default;
 
@@ -293,9 +302,9 @@ size_t LMDictionary::size() const { return entries_.size(); }
 bool LMDictionary::empty() const { return entries_.empty(); }
 
 std::optional<size_t> LMDictionary::position(std::u16string_view key) const {
-  if (!index_.empty()) {
-    auto it = index_.find(std::u16string(key));
-    if (it == index_.end()) return std::nullopt;
+  if (index_) {
+    auto it = index_->find(std::u16string(key));
+    if (it == index_->end()) return std::nullopt;
     return it->second;
   }
   for (size_t i = 0; i < entries_.size(); ++i) {
@@ -305,9 +314,10 @@ std::optional<size_t> LMDictionary::position(std::u16string_view key) const {
 }
 
 void LMDictionary::rebuildIndex() {
-  index_.clear();
+  index_.reset();
   if (entries_.size() <= kIndexThreshold) return;
-  for (size_t i = 0; i < entries_.size(); ++i) index_.emplace(entries_[i].key, i);
+  index_ = std::make_unique<std::unordered_map<std::u16string, size_t>>();
+  for (size_t i = 0; i < entries_.size(); ++i) index_->emplace(entries_[i].key, i);
 }
 
 bool LMDictionary::contains(std::u16string_view key) const { return position(key).has_value(); }
@@ -335,8 +345,8 @@ void LMDictionary::set(std::u16string_view key, LMValue value) {
 LMValue& LMDictionary::operator[](std::u16string_view key) {
   if (auto p = position(key)) return entries_[*p].value;
   entries_.push_back(LMDictionaryEntry{std::u16string(key), LMValue()});
-  if (!index_.empty()) {
-    index_.emplace(entries_.back().key, entries_.size() - 1);
+  if (index_) {
+    index_->emplace(entries_.back().key, entries_.size() - 1);
   } else if (entries_.size() > kIndexThreshold) {
     rebuildIndex();
   }
@@ -353,7 +363,7 @@ bool LMDictionary::remove(std::u16string_view key) {
 
 void LMDictionary::clear() {
   entries_.clear();
-  index_.clear();
+  index_.reset();
 }
 
 int64_t LMDictionary::incrementCounterForKey(std::u16string_view key) {

@@ -86,12 +86,14 @@ class LMDictionary {
   // Dictionaries above this size keep a hash index beside the entries; the
   // index is kept up to date on every change, never built lazily, so that
   // concurrent reads of a shared table stay reads.
-  static constexpr size_t kIndexThreshold = 12;
+  static constexpr size_t kIndexThreshold = 32;
   std::optional<size_t> position(std::u16string_view key) const;
   void rebuildIndex();
 
   std::vector<LMDictionaryEntry> entries_;
-  std::unordered_map<std::u16string, size_t> index_;
+  // Null until the dictionary outgrows kIndexThreshold; kept small because
+  // every found element carries several dictionaries.
+  std::unique_ptr<std::unordered_map<std::u16string, size_t>> index_;
 };
 
 // One run of attributes over a range of an attributed text.
