@@ -372,25 +372,6 @@ TEST(PdfFileTest, ReadsCreatorProducerAndDocumentText) {
   }
 }
 
-TEST(PdfFileTest, SampleReceiptReadsLikeTheReceipt) {
-  auto page = firstPage("sample-receipt.pdf");
-  ASSERT_TRUE(page);
-  std::vector<std::u16string> lines;
-  for (const LMPdfTextLine& l : page->lines()) {
-    lines.push_back(page->string().substr(l.range.location, l.range.length));
-  }
-  for (const char16_t* line :
-       {u"Bäckerei Morgenrot GmbH", u"Lindenstraße 12", u"Datum: 14.11.2026",
-        u"3x Dinkelbrötchen", u"7,80 €", u"MwSt. 7%", u"1,00 EUR", u"Gesamtbetrag",
-        u"15,30 EUR", u"IBAN DE89 3704 0044 0532 0130 00", u"www.baeckerei-morgenrot.example"}) {
-    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), line)) << utf8(line);
-  }
-  auto total = page->fontAtIndex(rangeOf(*page, u"15,30 EUR").location);
-  ASSERT_TRUE(total);
-  EXPECT_EQ(u"Helvetica-Bold", total->name);
-  EXPECT_EQ(16, total->size);
-}
-
 // --- Failure paths ---------------------------------------------------------
 
 TEST(PdfFileTest, UnreadableBytesGiveNullQuietly) {

@@ -157,11 +157,4 @@ TEST_F(WorkerRuntimeTest, LogsNumberedCallsAndErrors) {
   EXPECT_EQ(number(log[0]) + 1, number(log[3]));
 }
 
-TEST(UUIDTest, VersionFourTextForm) {
-  const std::string a = lmNewUUIDString();
-  EXPECT_EQ(36u, a.size());
-  EXPECT_EQ('4', a[14]);
-  EXPECT_NE(a, lmNewUUIDString());
-}
-
 }  // namespace
