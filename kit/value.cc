@@ -342,6 +342,19 @@ void LMDictionary::set(std::u16string_view key, LMValue value) {
   (*this)[key] = std::move(value);
 }
 
+void LMDictionary::emplace(std::u16string key, LMValue value) {
+  if (auto p = position(key)) {
+    entries_[*p].value = std::move(value);
+    return;
+  }
+  entries_.push_back(LMDictionaryEntry{std::move(key), std::move(value)});
+  if (index_) {
+    index_->emplace(entries_.back().key, entries_.size() - 1);
+  } else if (entries_.size() > kIndexThreshold) {
+    rebuildIndex();
+  }
+}
+
 LMValue& LMDictionary::operator[](std::u16string_view key) {
   if (auto p = position(key)) return entries_[*p].value;
   entries_.push_back(LMDictionaryEntry{std::u16string(key), LMValue()});

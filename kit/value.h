@@ -66,6 +66,10 @@ class LMDictionary {
   // Stores `value` under `key`: a new key goes to the end, an existing key
   // keeps its place and gets the new value.
   void set(std::u16string_view key, LMValue value);
+  // What `set` does, taking over `key`'s storage when the key is new.
+  void emplace(std::u16string key, LMValue value);
+  // Room for `count` entries without reallocating.
+  void reserve(size_t count) { entries_.reserve(count); }
   // The value under `key`, inserted as nil first when absent.
   LMValue& operator[](std::u16string_view key);
   // Removes `key`; false when it was absent.
@@ -181,6 +185,7 @@ class LMValue {
   const int64_t* asInt() const { return std::get_if<int64_t>(&v_); }
   const double* asDouble() const { return std::get_if<double>(&v_); }
   const std::u16string* asString() const { return std::get_if<std::u16string>(&v_); }
+  std::u16string* asString() { return std::get_if<std::u16string>(&v_); }
   const LMData* asData() const { return std::get_if<LMData>(&v_); }
   const LMDecimal* asDecimal() const { return std::get_if<LMDecimal>(&v_); }
   const LMDate* asDate() const { return std::get_if<LMDate>(&v_); }
