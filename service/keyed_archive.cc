@@ -1,7 +1,5 @@
 #include "service/keyed_archive.h"
 
-#include <plist/plist.h>
-
 #include <algorithm>
 #include <bit>
 #include <charconv>
@@ -26,16 +24,15 @@ struct ArchiveError {
 
 [[noreturn]] void fail(std::string message) { throw ArchiveError{std::move(message)}; }
 
+// The rectangle of an ASCII text as lmRectFromString reads it.
+LMRect rectFromAscii(std::string_view ascii);
+
 std::string number(uint64_t n) { return std::to_string(n); }
 
 // Both sides recurse once per level of nesting; these keep the stack small
 // enough for any thread (also in sanitizer builds, whose frames are large).
 constexpr size_t kMaxEncodeDepth = 512;
 constexpr size_t kMaxDecodeDepth = 512;
-// A keyed archive nests its property list only a few levels (top dictionary,
-// $objects, an object, its reference array); anything far deeper is hostile
-// and would make the parser recurse once per level.
-constexpr size_t kMaxPlistDepth = 64;
 
 // ------------------------------------------------------------ class registry
 
@@ -106,19 +103,67 @@ bool readVarint(const LMData& in, size_t& pos, uint64_t& value) {
 
 // ------------------------------------------------ binary property-list writer
 
-// `text` with U+0000 and unpaired surrogates replaced by U+FFFD.
-std::u16string carriable(std::u16string_view text) {
-  std::u16string out(text);
-  for (size_t i = 0; i < out.size(); ++i) {
-    const char16_t c = out[i];
-    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < out.size() && out[i + 1] >= 0xDC00 &&
-        out[i + 1] <= 0xDFFF)
+// Replaces U+0000 and unpaired surrogates by U+FFFD, one unit for one.
+void makeCarriable(std::u16string& text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char16_t c = text[i];
+    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
+        text[i + 1] <= 0xDFFF)
       ++i;
     else if (c == 0 || (c >= 0xD800 && c <= 0xDFFF))
-      out[i] = u'\uFFFD';
+      text[i] = u'\uFFFD';
   }
-  return out;
 }
+
+uint64_t mixBits(uint64_t x) {
+  x ^= x >> 33;
+  x *= 0xFF51AFD7ED558CCDULL;
+  x ^= x >> 33;
+  return x;
+}
+
+// An open-addressing table from a 64-bit hash to a node, for the writer's
+// "store once" lookups; the caller tells whether a node matches. No
+// allocation per entry.
+class NodeTable {
+ public:
+  // The node stored under `hash` for which `matches` holds, or nullopt.
+  template <typename Matches>
+  std::optional<uint32_t> find(uint64_t hash, Matches matches) const {
+    if (slots_.empty()) return std::nullopt;
+    for (size_t i = hash & mask();; i = (i + 1) & mask()) {
+      const Slot& s = slots_[i];
+      if (s.node == kEmpty) return std::nullopt;
+      if (s.hash == hash && matches(s.node)) return s.node;
+    }
+  }
+  void insert(uint64_t hash, uint32_t node) {
+    if (2 * (size_ + 1) > slots_.size()) grow();
+    place(hash, node);
+    ++size_;
+  }
+
+ private:
+  static constexpr uint32_t kEmpty = UINT32_MAX;
+  struct Slot {
+    uint64_t hash;
+    uint32_t node;
+  };
+  size_t mask() const { return slots_.size() - 1; }
+  void place(uint64_t hash, uint32_t node) {
+    size_t i = hash & mask();
+    while (slots_[i].node != kEmpty) i = (i + 1) & mask();
+    slots_[i] = {hash, node};
+  }
+  void grow() {
+    std::vector<Slot> old(std::max<size_t>(256, 2 * slots_.size()), Slot{0, kEmpty});
+    old.swap(slots_);
+    for (const Slot& s : old)
+      if (s.node != kEmpty) place(s.hash, s.node);
+  }
+  std::vector<Slot> slots_;
+  size_t size_ = 0;
+};
 
 // A binary property list assembled object by object and written in one go.
 // Texts, numbers and references are stored once however often they occur.
@@ -126,123 +171,180 @@ std::u16string carriable(std::u16string_view text) {
 // tree of parser nodes.)
 class BinaryPlist {
  public:
+  BinaryPlist() {
+    nodes_.reserve(1024);
+    refs_.reserve(2048);
+    bytes_.reserve(8192);
+    uids_.assign(1024, kNone);
+  }
+
   uint32_t text(std::u16string_view raw) {
-    // U+0000 ends the text for readers that use C strings, and an unpaired
-    // surrogate cannot be decoded by most; both become U+FFFD, one unit for
-    // one, so ranges into the text stay valid.
-    bool ascii = true;
-    for (size_t i = 0; i < raw.size(); ++i) {
-      const char16_t c = raw[i];
-      if (c >= 0xD800 && c <= 0xDBFF && i + 1 < raw.size() && raw[i + 1] >= 0xDC00 &&
-          raw[i + 1] <= 0xDFFF) {
-        ascii = false;
-        ++i;
-      } else if (c == 0 || (c >= 0xD800 && c <= 0xDFFF)) {
-        return text(carriable(raw));
-      } else {
-        ascii = ascii && c < 0x80;
+    // Hashed four units at a time; texts that are all ASCII without U+0000
+    // (nearly all of them) need no other look.
+    const size_t n = raw.size();
+    uint64_t hash = 0x9E3779B97F4A7C15ULL ^ n;
+    uint64_t high = 0;  // units above 0x7F
+    uint64_t zero = 0;  // units that are U+0000
+    size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+      uint64_t word;
+      std::memcpy(&word, raw.data() + i, sizeof word);
+      high |= word & 0xFF80FF80FF80FF80ULL;
+      zero |= (word - 0x0001000100010001ULL) & ~word & 0x8000800080008000ULL;
+      hash = (hash ^ word) * 0xFF51AFD7ED558CCDULL;
+      hash ^= hash >> 32;
+    }
+    for (; i < n; ++i) {
+      high |= raw[i] & 0xFF80;
+      zero |= raw[i] == 0;
+      hash = (hash ^ raw[i]) * 0xFF51AFD7ED558CCDULL;
+    }
+    hash = mixBits(hash);
+    const bool ascii = !high && !zero;
+    if (!ascii) {
+      // U+0000 ends the text for readers that use C strings, and an unpaired
+      // surrogate cannot be decoded by most; both become U+FFFD, one unit for
+      // one, so ranges into the text stay valid.
+      for (size_t u = 0; u < n; ++u) {
+        const char16_t c = raw[u];
+        if (c >= 0xD800 && c <= 0xDBFF && u + 1 < n && raw[u + 1] >= 0xDC00 && raw[u + 1] <= 0xDFFF) {
+          ++u;
+        } else if (c == 0 || (c >= 0xD800 && c <= 0xDFFF)) {
+          std::u16string carriable(raw);
+          makeCarriable(carriable);
+          return text(carriable);
+        }
       }
     }
-    if (auto it = texts_.find(raw); it != texts_.end()) return it->second;
+    if (auto found = texts_.find(hash, [&](uint32_t node) { return holds(node, raw); }))
+      return *found;
     const uint32_t node = ascii ? add(kAscii, 0, bytes_.size(), raw.size())
                                 : add(kUtf16, 0, units_.size(), raw.size());
     if (ascii)
       bytes_.insert(bytes_.end(), raw.begin(), raw.end());
     else
       units_ += raw;
-    texts_.emplace(raw, node);
+    texts_.insert(hash, node);
     return node;
+  }
+  // Whether the text node `node` holds `text` (as stored: carriable).
+  bool holds(uint32_t node, std::u16string_view text) const {
+    const Node& n = nodes_[node];
+    if (n.count != text.size()) return false;
+    if (n.type == kUtf16) return std::u16string_view(units_).substr(n.first, n.count) == text;
+    return n.type == kAscii && std::equal(text.begin(), text.end(), bytes_.begin() + n.first);
   }
   uint32_t integer(int64_t n) { return unique(integers_, kInteger, static_cast<uint64_t>(n)); }
   uint32_t real(double d) { return unique(reals_, kReal, std::bit_cast<uint64_t>(d)); }
-  uint32_t boolean(bool b) { return unique(bools_, kBool, b); }
-  uint32_t uid(uint64_t n) { return unique(uids_, kUid, n); }
+  uint32_t boolean(bool b) {
+    if (bools_[b] == kNone) bools_[b] = add(kBool, b, 0, 0);
+    return bools_[b];
+  }
+  // References are to entries 0, 1, 2, ... of "$objects": looked up by number.
+  uint32_t uid(uint64_t n) {
+    if (n >= uids_.size()) uids_.resize(std::max<size_t>(n + 1, 2 * uids_.size()), kNone);
+    if (uids_[n] == kNone) uids_[n] = add(kUid, n, 0, 0);
+    return uids_[n];
+  }
   uint32_t data(const uint8_t* p, size_t n) {
     const uint32_t node = add(kData, 0, bytes_.size(), n);
     bytes_.insert(bytes_.end(), p, p + n);
     return node;
   }
-  uint32_t array(const std::vector<uint32_t>& items) {
-    const uint32_t node = add(kArray, 0, refs_.size(), items.size());
-    refs_.insert(refs_.end(), items.begin(), items.end());
+  // An array of the nodes items[0], items[stride], items[2 * stride], ...
+  uint32_t array(const uint32_t* items, size_t count, size_t stride = 1) {
+    const uint32_t node = add(kArray, 0, refs_.size(), count);
+    for (size_t i = 0; i < count; ++i) refs_.push_back(items[i * stride]);
     return node;
   }
-  uint32_t dictionary(const std::vector<uint32_t>& keys, const std::vector<uint32_t>& values) {
-    const uint32_t node = add(kDict, 0, refs_.size(), keys.size());
-    refs_.insert(refs_.end(), keys.begin(), keys.end());
-    refs_.insert(refs_.end(), values.begin(), values.end());
+  uint32_t array(const std::vector<uint32_t>& items) { return array(items.data(), items.size()); }
+  // A dictionary of `count` pairs, key and value next to each other.
+  uint32_t dictionary(const uint32_t* pairs, size_t count) {
+    const uint32_t node = add(kDict, 0, refs_.size(), count);
+    for (size_t i = 0; i < count; ++i) refs_.push_back(pairs[2 * i]);
+    for (size_t i = 0; i < count; ++i) refs_.push_back(pairs[2 * i + 1]);
     return node;
   }
 
   std::vector<uint8_t> write(uint32_t top) const {
-    std::vector<uint8_t> out{'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    auto width = [](uint64_t v) { return v <= 0xFF ? 1 : v <= 0xFFFF ? 2 : v <= 0xFFFFFFFF ? 4 : 8; };
+    const int refSize = width(nodes_.size());
+    // Room for the most every part can take; cut to size at the end.
+    std::vector<uint8_t> out(8 + 18 * nodes_.size() + bytes_.size() + 2 * units_.size() +
+                             refSize * refs_.size() + 32);
+    uint8_t* w = out.data();
     auto bigEndian = [&](uint64_t v, int size) {
-      for (int i = size - 1; i >= 0; --i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    };
-    auto width = [](uint64_t v) {
-      return v <= 0xFF ? 1 : v <= 0xFFFF ? 2 : v <= 0xFFFFFFFF ? 4 : 8;
+      for (int i = size - 1; i >= 0; --i) *w++ = static_cast<uint8_t>(v >> (8 * i));
     };
     auto marker = [&](uint8_t type, uint64_t count) {
-      if (count < 15) return out.push_back(static_cast<uint8_t>(type | count));
-      out.push_back(type | 0x0F);
-      out.push_back(static_cast<uint8_t>(0x10 | std::countr_zero(unsigned(width(count)))));
+      if (count < 15) {
+        *w++ = static_cast<uint8_t>(type | count);
+        return;
+      }
+      *w++ = type | 0x0F;
+      *w++ = static_cast<uint8_t>(0x10 | std::countr_zero(unsigned(width(count))));
       bigEndian(count, width(count));
     };
-    const int refSize = width(nodes_.size());
-    std::vector<uint64_t> offsets;
-    offsets.reserve(nodes_.size());
-    for (const Node& n : nodes_) {
-      offsets.push_back(out.size());
+    std::memcpy(w, "bplist00", 8);
+    w += 8;
+    std::vector<uint64_t> offsets(nodes_.size());
+    for (size_t i = 0; i < nodes_.size(); ++i) {
+      const Node& n = nodes_[i];
+      offsets[i] = static_cast<uint64_t>(w - out.data());
       switch (n.type) {
         case kInteger: {
           // 1, 2 and 4 bytes are unsigned; 8 bytes are two's complement.
           const int size = n.value > 0xFFFFFFFF ? 8 : width(n.value);
-          out.push_back(static_cast<uint8_t>(0x10 | std::countr_zero(unsigned(size))));
+          *w++ = static_cast<uint8_t>(0x10 | std::countr_zero(unsigned(size)));
           bigEndian(n.value, size);
           break;
         }
         case kReal:
-          out.push_back(0x23);
+          *w++ = 0x23;
           bigEndian(n.value, 8);
           break;
         case kBool:
-          out.push_back(n.value ? 0x09 : 0x08);
+          *w++ = n.value ? 0x09 : 0x08;
           break;
         case kUid:
-          out.push_back(static_cast<uint8_t>(0x80 | (width(n.value) - 1)));
+          *w++ = static_cast<uint8_t>(0x80 | (width(n.value) - 1));
           bigEndian(n.value, width(n.value));
           break;
         case kData:
         case kAscii:
           marker(n.type == kData ? 0x40 : 0x50, n.count);
-          out.insert(out.end(), bytes_.begin() + n.first, bytes_.begin() + n.first + n.count);
+          if (n.count) std::memcpy(w, bytes_.data() + n.first, n.count);
+          w += n.count;
           break;
         case kUtf16:
           marker(0x60, n.count);
-          for (size_t i = 0; i < n.count; ++i) bigEndian(units_[n.first + i], 2);
+          for (size_t u = 0; u < n.count; ++u) bigEndian(units_[n.first + u], 2);
           break;
         case kArray:
         case kDict: {
           marker(n.type == kArray ? 0xA0 : 0xD0, n.count);
           const size_t refs = n.type == kArray ? n.count : 2 * n.count;
-          for (size_t i = 0; i < refs; ++i) bigEndian(refs_[n.first + i], refSize);
+          for (size_t r = 0; r < refs; ++r) bigEndian(refs_[n.first + r], refSize);
           break;
         }
       }
     }
-    const uint64_t table = out.size();
+    const uint64_t table = static_cast<uint64_t>(w - out.data());
     const int offsetSize = width(table);
     for (uint64_t offset : offsets) bigEndian(offset, offsetSize);
-    out.insert(out.end(), 6, 0);
-    out.push_back(static_cast<uint8_t>(offsetSize));
-    out.push_back(static_cast<uint8_t>(refSize));
+    std::memset(w, 0, 6);
+    w += 6;
+    *w++ = static_cast<uint8_t>(offsetSize);
+    *w++ = static_cast<uint8_t>(refSize);
     bigEndian(nodes_.size(), 8);
     bigEndian(top, 8);
     bigEndian(table, 8);
+    out.resize(static_cast<size_t>(w - out.data()));
     return out;
   }
 
  private:
+  static constexpr uint32_t kNone = UINT32_MAX;
   enum Type : uint8_t { kAscii, kUtf16, kInteger, kReal, kBool, kUid, kData, kArray, kDict };
   struct Node {
     Type type;
@@ -254,33 +356,35 @@ class BinaryPlist {
     nodes_.push_back({type, value, first, count});
     return static_cast<uint32_t>(nodes_.size() - 1);
   }
-  uint32_t unique(std::unordered_map<uint64_t, uint32_t>& seen, Type type, uint64_t value) {
-    auto [it, inserted] = seen.try_emplace(value, 0);
-    if (inserted) it->second = add(type, value, 0, 0);
-    return it->second;
+  uint32_t unique(NodeTable& seen, Type type, uint64_t value) {
+    const uint64_t hash = mixBits(value);
+    auto same = [&](uint32_t node) { return nodes_[node].value == value; };
+    if (auto found = seen.find(hash, same)) return *found;
+    const uint32_t node = add(type, value, 0, 0);
+    seen.insert(hash, node);
+    return node;
   }
 
   std::vector<Node> nodes_;
   std::vector<uint8_t> bytes_;
   std::u16string units_;
   std::vector<uint32_t> refs_;
-  // Looked up by view, so that the many repeated keys cost no copy.
-  struct TextHash {
-    using is_transparent = void;
-    size_t operator()(std::u16string_view s) const { return std::hash<std::u16string_view>()(s); }
-  };
-  std::unordered_map<std::u16string, uint32_t, TextHash, std::equal_to<>> texts_;
-  std::unordered_map<uint64_t, uint32_t> integers_, reals_, bools_, uids_;
+  NodeTable texts_, integers_, reals_;
+  uint32_t bools_[2] = {kNone, kNone};
+  std::vector<uint32_t> uids_;
 };
 
 // ------------------------------------------------------------- archive writer
 
 class ArchiveWriter;
 
-// An object of the archive being filled in: "$class" and its keys.
+// An object of the archive being filled in: its "$class" and keys, pairs of
+// key and value nodes on the writer's stack of open objects. Objects nest
+// (an element's value is written while the element is open), and an inner
+// object is complete before the outer one takes its next key, so each open
+// object's pairs lie together at the top of the stack.
 struct ObjectDict {
-  std::vector<uint32_t> keys;
-  std::vector<uint32_t> values;
+  size_t start;
 };
 
 // The keyed coder a found element writes itself into.
@@ -301,12 +405,12 @@ class ArchiveWriter {
   std::vector<uint8_t> archive(const LMValue& root) {
     objects_.push_back(plist_.text(u"$null"));
     const uint64_t rootRef = encode(root);
-    const uint32_t top = plist_.dictionary(
-        {plist_.text(u"$version"), plist_.text(u"$archiver"), plist_.text(u"$top"),
-         plist_.text(u"$objects")},
-        {plist_.integer(100000), plist_.text(u"NSKeyedArchiver"),
-         plist_.dictionary({plist_.text(u"root")}, {plist_.uid(rootRef)}), plist_.array(objects_)});
-    return plist_.write(top);
+    const uint32_t topKeys[] = {plist_.text(u"root"), plist_.uid(rootRef)};
+    const uint32_t top[] = {plist_.text(u"$version"),  plist_.integer(100000),
+                            plist_.text(u"$archiver"), plist_.text(u"NSKeyedArchiver"),
+                            plist_.text(u"$top"),      plist_.dictionary(topKeys, 1),
+                            plist_.text(u"$objects"),  plist_.array(objects_)};
+    return plist_.write(plist_.dictionary(top, 4));
   }
 
   // The reference of `value`; 0 (the nil reference) for nil.
@@ -360,35 +464,56 @@ class ArchiveWriter {
   }
   // Texts and numbers: one entry of $objects however often they occur.
   uint64_t plain(uint32_t node) {
-    auto [it, inserted] = plain_.try_emplace(node, 0);
-    if (inserted) it->second = push(node);
-    return it->second;
+    if (node >= plain_.size()) plain_.resize(std::max<size_t>(node + 1, 2 * plain_.size()), 0);
+    if (!plain_[node]) plain_[node] = push(node);
+    return plain_[node];
   }
   // An entry whose object is written after its contents.
   uint64_t reserve() { return push(0); }
-  void fill(uint64_t ref, const ObjectDict& dict) {
-    objects_[ref] = plist_.dictionary(dict.keys, dict.values);
+  // The open object's dictionary node; the object is closed.
+  uint32_t close(const ObjectDict& dict) {
+    const uint32_t node = plist_.dictionary(pending_.data() + dict.start,
+                                             (pending_.size() - dict.start) / 2);
+    pending_.resize(dict.start);
+    return node;
   }
-  uint64_t add(const ObjectDict& dict) { return push(plist_.dictionary(dict.keys, dict.values)); }
+  void fill(uint64_t ref, const ObjectDict& dict) { objects_[ref] = close(dict); }
+  uint64_t add(const ObjectDict& dict) { return push(close(dict)); }
 
-  void set(ObjectDict& dict, std::u16string_view key, uint32_t node) {
-    dict.keys.push_back(plist_.text(key));
-    dict.values.push_back(node);
+  void set(const ObjectDict& dict, std::u16string_view key, uint32_t node) {
+    (void)dict;  // always the object on top
+    pending_.push_back(keyText(key));
+    pending_.push_back(node);
+  }
+
+  // The text node of an object's key. Keys are nearly always the same few
+  // literals, so the node is remembered by the key's address (and checked
+  // against its text, should another text come to lie there).
+  uint32_t keyText(std::u16string_view key) {
+    KeyCacheEntry& cached =
+        keyCache_[(reinterpret_cast<uintptr_t>(key.data()) >> 1) % std::size(keyCache_)];
+    if (cached.data == key.data() && cached.size == key.size() && plist_.holds(cached.node, key))
+      return cached.node;
+    cached = {key.data(), key.size(), plist_.text(key)};
+    return cached.node;
   }
 
   ObjectDict objectOf(std::u16string_view className) {
-    auto [it, inserted] = classes_.try_emplace(std::u16string(className), 0);
-    if (inserted) {
+    uint64_t classRef = 0;
+    for (const auto& [name, ref] : classes_)
+      if (name == className) classRef = ref;
+    if (!classRef) {
       std::vector<uint32_t> chain{plist_.text(className)};
       if (const ArchivedClass* known = findClass(className))
         for (const std::u16string& super : known->superclasses) chain.push_back(plist_.text(super));
-      ObjectDict entry;
+      ObjectDict entry{pending_.size()};
       set(entry, u"$classes", plist_.array(chain));
       set(entry, u"$classname", plist_.text(className));
-      it->second = add(entry);
+      classRef = add(entry);
+      classes_.emplace_back(className, classRef);
     }
-    ObjectDict dict;
-    set(dict, u"$class", plist_.uid(it->second));
+    ObjectDict dict{pending_.size()};
+    set(dict, u"$class", plist_.uid(classRef));
     return dict;
   }
 
@@ -434,11 +559,16 @@ class ArchiveWriter {
   uint64_t array(const LMArray& items) {
     DepthGuard depth(depth_);
     const uint64_t ref = reserve();
-    std::vector<uint32_t> refs;
-    refs.reserve(items.size());
-    for (const LMValue& item : items) refs.push_back(member(item, "an array"));
+    // The references go on the stack of open objects too, below the object.
+    const size_t start = pending_.size();
+    for (const LMValue& item : items) {
+      const uint32_t member = this->member(item, "an array");
+      pending_.push_back(member);
+    }
+    const uint32_t members = plist_.array(pending_.data() + start, items.size());
+    pending_.resize(start);
     ObjectDict dict = objectOf(u"NSArray");
-    set(dict, u"NS.objects", plist_.array(refs));
+    set(dict, u"NS.objects", members);
     fill(ref, dict);
     return ref;
   }
@@ -446,14 +576,20 @@ class ArchiveWriter {
   uint64_t dictionary(const LMDictionary& entries) {
     DepthGuard depth(depth_);
     const uint64_t ref = reserve();
-    std::vector<uint32_t> keys, values;
+    // Key and value references in pairs, below the object.
+    const size_t start = pending_.size();
     for (const LMDictionaryEntry& entry : entries) {
-      keys.push_back(plist_.uid(plain(plist_.text(entry.key))));
-      values.push_back(member(entry.value, "a dictionary"));
+      const uint32_t key = plist_.uid(plain(plist_.text(entry.key)));
+      const uint32_t value = member(entry.value, "a dictionary");
+      pending_.push_back(key);
+      pending_.push_back(value);
     }
+    const uint32_t keys = plist_.array(pending_.data() + start, entries.size(), 2);
+    const uint32_t values = plist_.array(pending_.data() + start + 1, entries.size(), 2);
+    pending_.resize(start);
     ObjectDict dict = objectOf(u"NSDictionary");
-    set(dict, u"NS.keys", plist_.array(keys));
-    set(dict, u"NS.objects", plist_.array(values));
+    set(dict, u"NS.keys", keys);
+    set(dict, u"NS.objects", values);
     fill(ref, dict);
     return ref;
   }
@@ -531,9 +667,16 @@ class ArchiveWriter {
 
   BinaryPlist plist_;
   std::vector<uint32_t> objects_;  // the property-list object of each entry
-  std::unordered_map<uint32_t, uint64_t> plain_;
-  std::unordered_map<std::u16string, uint64_t> classes_;
+  std::vector<uint32_t> pending_;  // pairs of the open objects, innermost last
+  std::vector<uint64_t> plain_;    // entry of each text or number node; 0: none yet
+  std::vector<std::pair<std::u16string, uint64_t>> classes_;  // a handful
   std::unordered_map<const LMFoundElement*, uint64_t> elements_;
+  struct KeyCacheEntry {
+    const char16_t* data = nullptr;
+    size_t size = 0;
+    uint32_t node = 0;
+  };
+  KeyCacheEntry keyCache_[61];
   uint64_t null_ = 0;
   size_t depth_ = 0;
 };
@@ -552,287 +695,315 @@ void ElementEncoder::encodeObject(std::u16string_view key, const LMValue& value)
   writer_.set(dict_, key, writer_.plist_.uid(writer_.encode(value)));
 }
 
-// ------------------------------------------------- binary property-list check
+// ------------------------------------------------ binary property-list reader
 
 uint64_t readBigEndian(const uint8_t* p, size_t n) {
-  uint64_t value = 0;
-  for (size_t i = 0; i < n; ++i) value = (value << 8) | p[i];
-  return value;
+  switch (n) {  // the common widths without a loop
+    case 1:
+      return p[0];
+    case 2:
+      return uint64_t{p[0]} << 8 | p[1];
+    default: {
+      uint64_t value = 0;
+      for (size_t i = 0; i < n; ++i) value = (value << 8) | p[i];
+      return value;
+    }
+  }
 }
 
-// Checks a binary property list before the parser sees it. The parser
-// recurses once per nesting level and builds a separate node for every
-// reference, so a deep list overflows its stack and a list whose shared
-// parts refer to each other in layers expands exponentially. Accepted are
-// lists whose objects and references lie inside the data, whose graph from
-// the root has no cycle, nests at most kMaxPlistDepth levels and expands to
-// at most about twice its count of references.
-void checkBinaryPlist(std::span<const uint8_t> b) {
-  constexpr size_t kHeader = 8;
-  constexpr size_t kTrailer = 32;
-  if (b.size() < kHeader + kTrailer + 1 || std::memcmp(b.data(), "bplist00", kHeader) != 0)
-    fail("not a binary property list");
-  if (b.size() > std::numeric_limits<uint32_t>::max()) fail("the archive is too large");
-  const uint8_t* trailer = b.data() + b.size() - kTrailer;
-  const size_t offsetSize = trailer[6];
-  const size_t refSize = trailer[7];
-  const uint64_t count = readBigEndian(trailer + 8, 8);
-  const uint64_t root = readBigEndian(trailer + 16, 8);
-  const uint64_t table = readBigEndian(trailer + 24, 8);
-  const uint64_t dataEnd = b.size() - kTrailer;
-  if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8 || count == 0 ||
-      count > std::numeric_limits<uint32_t>::max() || root >= count || table < kHeader ||
-      table > dataEnd || (dataEnd - table) / offsetSize < count) {
-    fail("the property list's trailer is inconsistent");
+enum class PlistType : uint8_t {
+  kNone,  // an absent dictionary entry
+  kBool,
+  kInteger,
+  kReal,
+  kDate,
+  kData,
+  kAscii,
+  kUtf16,
+  kUid,
+  kArray,
+  kDict
+};
+
+// One object of a binary property list, read in place.
+struct PlistNode {
+  PlistType type = PlistType::kNone;
+  // Bytes of data, units of a text, entries of an array or dictionary, bytes
+  // of a number or reference; the value of a boolean.
+  uint64_t count = 0;
+  const uint8_t* payload = nullptr;
+};
+
+// A binary property list read where it lies. The trailer is checked up front;
+// each object is found through the offset table when it is asked for, and its
+// offset, count and references are checked against the data then. Nothing is
+// built ahead of the caller and nothing is copied but the texts and bytes it
+// takes, so a list whose parts nest deeply or are shared many times costs only
+// what the caller walks of it, under the caller's own limits.
+class PlistReader {
+ public:
+  explicit PlistReader(std::span<const uint8_t> b) : data_(b.data()) {
+    constexpr size_t kHeader = 8;
+    constexpr size_t kTrailer = 32;
+    if (b.size() < kHeader + kTrailer + 1 || std::memcmp(b.data(), "bplist00", kHeader) != 0)
+      fail("not a binary property list");
+    const uint8_t* trailer = b.data() + b.size() - kTrailer;
+    offsetSize_ = trailer[6];
+    refSize_ = trailer[7];
+    count_ = readBigEndian(trailer + 8, 8);
+    root_ = readBigEndian(trailer + 16, 8);
+    table_ = readBigEndian(trailer + 24, 8);
+    const uint64_t dataEnd = b.size() - kTrailer;
+    if (offsetSize_ < 1 || offsetSize_ > 8 || refSize_ < 1 || refSize_ > 8 || count_ == 0 ||
+        root_ >= count_ || table_ < kHeader || table_ > dataEnd ||
+        (dataEnd - table_) / offsetSize_ < count_) {
+      fail("the property list's trailer is inconsistent");
+    }
+    if (count_ <= kCachedObjects) cache_.resize(count_);
   }
 
-  // The references of every object, in one flat list.
-  std::vector<uint64_t> first(count + 1, 0);
-  std::vector<uint32_t> children;
-  for (uint64_t i = 0; i < count; ++i) {
-    first[i] = children.size();
-    const uint64_t offset = readBigEndian(b.data() + table + i * offsetSize, offsetSize);
-    if (offset < kHeader || offset >= table) fail("a property-list object lies outside the data");
+  PlistNode root() const { return object(root_); }
+
+  // Entry `i` of an array, or of a dictionary's keys (i < count) followed by
+  // its values.
+  PlistNode item(const PlistNode& container, uint64_t i) const {
+    const uint64_t ref = readBigEndian(container.payload + i * refSize_, refSize_);
+    if (ref >= count_) fail("a property-list reference is out of range");
+    return object(ref);
+  }
+
+  // The value under the ASCII `key` of a dictionary; kNone when absent.
+  template <typename Key>
+  PlistNode field(const PlistNode& dict, Key key) const {
+    if (dict.type != PlistType::kDict) return {};
+    for (uint64_t i = 0; i < dict.count; ++i) {
+      if (textEquals(item(dict, i), key)) return item(dict, dict.count + i);
+    }
+    return {};
+  }
+
+  // Object `index` (below the count), read once and then remembered for
+  // lists of up to kCachedObjects objects.
+  PlistNode object(uint64_t index) const {
+    if (cache_.empty()) return parse(index);
+    PlistNode& cached = cache_[index];
+    if (cached.type == PlistType::kNone) cached = parse(index);
+    return cached;
+  }
+
+  PlistNode parse(uint64_t index) const {
+    const uint64_t offset = readBigEndian(data_ + table_ + index * offsetSize_, offsetSize_);
+    if (offset < 8 || offset >= table_) fail("a property-list object lies outside the data");
+    const uint8_t marker = data_[offset];
+    const uint8_t low = marker & 0x0F;
     uint64_t p = offset + 1;
-    const uint8_t low = b[offset] & 0x0F;
     auto sizeField = [&]() -> uint64_t {
       if (low != 0x0F) return low;
-      if (p >= table || (b[p] & 0xF0) != 0x10 || (b[p] & 0x0F) > 3)
+      if (p >= table_ || (data_[p] & 0xF0) != 0x10 || (data_[p] & 0x0F) > 3)
         fail("a property-list object has a malformed count");
-      const size_t n = size_t{1} << (b[p] & 0x0F);
-      if (table - p - 1 < n) fail("a property-list object has a malformed count");
-      const uint64_t value = readBigEndian(b.data() + p + 1, n);
+      const size_t n = size_t{1} << (data_[p] & 0x0F);
+      if (table_ - p - 1 < n) fail("a property-list object has a malformed count");
+      const uint64_t value = readBigEndian(data_ + p + 1, n);
       p += 1 + n;
       // Nothing can be longer than the data it lies in.
-      if (value > table) fail("a property-list object passes the end of the data");
+      if (value > table_) fail("a property-list object passes the end of the data");
       return value;
     };
+    PlistNode node;
     uint64_t length = 0;
-    uint64_t refs = 0;
-    const uint8_t type = b[offset] >> 4;
-    switch (type) {
+    switch (marker >> 4) {
       case 0x0:
         if (low != 0x08 && low != 0x09) fail("unsupported property-list object");
-        break;
+        return {PlistType::kBool, low == 0x09 ? 1u : 0u, nullptr};
       case 0x1:
         if (low > 4) fail("unsupported property-list integer size");
-        length = uint64_t{1} << low;
+        node = {PlistType::kInteger, uint64_t{1} << low, nullptr};
+        length = node.count;
         break;
       case 0x2:
         if (low != 2 && low != 3) fail("unsupported property-list real size");
-        length = uint64_t{1} << low;
+        node = {PlistType::kReal, uint64_t{1} << low, nullptr};
+        length = node.count;
         break;
       case 0x3:
         if (low != 3) fail("unsupported property-list date size");
+        node = {PlistType::kDate, 8, nullptr};
         length = 8;
         break;
       case 0x4:
+        node = {PlistType::kData, sizeField(), nullptr};
+        length = node.count;
+        break;
       case 0x5:
-        length = sizeField();
+        node = {PlistType::kAscii, sizeField(), nullptr};
+        length = node.count;
         break;
       case 0x6:
-        length = 2 * sizeField();
+        node = {PlistType::kUtf16, sizeField(), nullptr};
+        length = 2 * node.count;
         break;
       case 0x8:
-        if (low > 3) fail("unsupported property-list reference size");
-        length = low + 1;
+        if (low > 7) fail("unsupported property-list reference size");
+        node = {PlistType::kUid, uint64_t{low} + 1, nullptr};
+        length = node.count;
         break;
       case 0xA:
-        refs = sizeField();
+        node = {PlistType::kArray, sizeField(), nullptr};
+        length = node.count * refSize_;
         break;
       case 0xD:
-        refs = 2 * sizeField();
+        node = {PlistType::kDict, sizeField(), nullptr};
+        length = 2 * node.count * refSize_;
         break;
       default:
         fail("unsupported property-list object");
     }
-    if (refs) length = refs * refSize;
-    if (length > table - p) fail("a property-list object passes the end of the data");
-    // The parser aborts on a text holding U+0000.
-    if (type == 0x5 || type == 0x6) {
-      const uint64_t unit = type == 0x5 ? 1 : 2;
-      for (uint64_t i = 0; i < length; i += unit) {
-        if (std::all_of(&b[p + i], &b[p + i] + unit, [](uint8_t x) { return x == 0; }))
-          fail("a property-list text holds U+0000");
-      }
-    }
-    for (uint64_t r = 0; r < refs; ++r) {
-      const uint64_t child = readBigEndian(b.data() + p + r * refSize, refSize);
-      if (child >= count) fail("a property-list reference is out of range");
-      children.push_back(static_cast<uint32_t>(child));
-    }
+    if (length > table_ - p) fail("a property-list object passes the end of the data");
+    node.payload = data_ + p;
+    return node;
   }
-  first[count] = children.size();
 
-  // Depth and expanded size of the graph from the root, without recursion.
-  const uint64_t budget = 2 * (children.size() + count) + 1024;
-  enum : uint8_t { kUnseen, kOpen, kClosed };
-  std::vector<uint8_t> state(count, kUnseen);
-  std::vector<uint32_t> height(count, 0);
-  std::vector<uint64_t> expanded(count, 0);
-  std::vector<std::pair<uint32_t, uint64_t>> stack{{static_cast<uint32_t>(root), first[root]}};
-  state[root] = kOpen;
-  while (!stack.empty()) {
-    auto& [node, next] = stack.back();
-    if (next < first[node + 1]) {
-      const uint32_t child = children[next++];
-      if (state[child] == kOpen) fail("the property list refers to itself");
-      if (state[child] == kUnseen) {
-        if (stack.size() >= kMaxPlistDepth) fail("the property list nests too deeply");
-        state[child] = kOpen;
-        stack.push_back({child, first[child]});
-      }
-      continue;
-    }
-    uint32_t h = 0;
-    uint64_t size = 1;
-    for (uint64_t c = first[node]; c < first[node + 1]; ++c) {
-      h = std::max(h, height[children[c]]);
-      size = std::min(size + expanded[children[c]], budget + 1);
-    }
-    if (h + 1 > kMaxPlistDepth) fail("the property list nests too deeply");
-    if (size > budget) fail("the property list's shared parts expand too far");
-    height[node] = h + 1;
-    expanded[node] = size;
-    state[node] = kClosed;
-    stack.pop_back();
+  static bool isText(const PlistNode& n) {
+    return n.type == PlistType::kAscii || n.type == PlistType::kUtf16;
   }
-}
 
-// ------------------------------------------------------------- archive reader
+  // Whether a text object holds exactly `key` (ASCII or UTF-16 units).
+  template <typename Key>
+  static bool textEquals(const PlistNode& n, Key key) {
+    if (!isText(n) || n.count != key.size()) return false;
+    for (size_t i = 0; i < key.size(); ++i) {
+      const uint32_t unit = n.type == PlistType::kAscii
+                                ? n.payload[i]
+                                : uint32_t{n.payload[2 * i]} << 8 | n.payload[2 * i + 1];
+      if (unit != static_cast<uint32_t>(key[i])) return false;
+    }
+    return true;
+  }
 
-struct PlistDeleter {
-  void operator()(void* node) const { plist_free(node); }
+  // A text's units. U+0000 is refused (it ends texts for readers that use C
+  // strings, so no archive of this system's holds it); unpaired surrogates
+  // become U+FFFD, one unit for one, as the writer does. Bytes above 0x7F in
+  // an ASCII text are read as UTF-8.
+  static std::u16string text(const PlistNode& n) {
+    std::u16string out;
+    if (n.type == PlistType::kAscii) {
+      out.resize(n.count);
+      uint8_t high = 0;
+      bool zero = false;
+      for (uint64_t i = 0; i < n.count; ++i) {
+        const uint8_t c = n.payload[i];
+        high |= c;
+        zero |= c == 0;
+        out[i] = c;
+      }
+      if (zero) fail("a property-list text holds U+0000");
+      if (high & 0x80) return lmUtf16(std::string_view(reinterpret_cast<const char*>(n.payload), n.count));
+      return out;
+    }
+    if (n.type != PlistType::kUtf16) return out;
+    out.resize(n.count);
+    for (uint64_t i = 0; i < n.count; ++i) {
+      out[i] = static_cast<char16_t>(n.payload[2 * i] << 8 | n.payload[2 * i + 1]);
+      if (out[i] == 0) fail("a property-list text holds U+0000");
+    }
+    makeCarriable(out);
+    return out;
+  }
+
+  static LMData data(const PlistNode& n) {
+    if (n.type != PlistType::kData) return {};
+    return LMData(n.payload, n.payload + n.count);
+  }
+
+  // Integers of 1, 2 and 4 bytes are unsigned, of 8 bytes two's complement;
+  // of 16 bytes the low 8 count. Booleans read as 0 and 1.
+  static int64_t integer(const PlistNode& n) {
+    if (n.type == PlistType::kBool) return static_cast<int64_t>(n.count);
+    if (n.type != PlistType::kInteger) return 0;
+    const size_t size = std::min<uint64_t>(n.count, 8);
+    return static_cast<int64_t>(readBigEndian(n.payload + n.count - size, size));
+  }
+
+  static double real(const PlistNode& n) {
+    if (n.type != PlistType::kReal) return 0;
+    if (n.count == 4)
+      return std::bit_cast<float>(static_cast<uint32_t>(readBigEndian(n.payload, 4)));
+    return std::bit_cast<double>(readBigEndian(n.payload, 8));
+  }
+
+  static uint64_t uid(const PlistNode& n) {
+    return n.type == PlistType::kUid ? readBigEndian(n.payload, n.count) : 0;
+  }
+
+ private:
+  static constexpr uint64_t kCachedObjects = 1u << 20;
+  const uint8_t* data_;
+  mutable std::vector<PlistNode> cache_;
+  size_t offsetSize_;
+  size_t refSize_;
+  uint64_t count_;
+  uint64_t root_;
+  uint64_t table_;
 };
 
-plist_type typeOf(plist_t node) { return node ? plist_get_node_type(node) : PLIST_NONE; }
-plist_t field(plist_t dict, const char* key) { return plist_dict_get_item(dict, key); }
-
-std::u16string textOf(plist_t node) {
-  char* value = nullptr;
-  if (typeOf(node) == PLIST_KEY)
-    plist_get_key_val(node, &value);
-  else
-    plist_get_string_val(node, &value);
-  std::u16string text = value ? lmUtf16(value) : std::u16string();
-  std::free(value);
-  return text;
-}
-
-LMData dataOf(plist_t node) {
-  char* value = nullptr;
-  uint64_t length = 0;
-  plist_get_data_val(node, &value, &length);
-  const auto* p = reinterpret_cast<const uint8_t*>(value);
-  LMData data(p, p + (value ? length : 0));
-  std::free(value);
-  return data;
-}
-
-int64_t integerOf(plist_t node) {
-  uint64_t value = 0;
-  plist_get_uint_val(node, &value);
-  return static_cast<int64_t>(value);  // negatives are stored as two's complement
-}
-
-double realOf(plist_t node) {
-  double value = 0;
-  plist_get_real_val(node, &value);
-  return value;
-}
-
-bool boolOf(plist_t node) {
-  uint8_t value = 0;
-  plist_get_bool_val(node, &value);
-  return value != 0;
-}
-
-uint64_t uidOf(plist_t node) {
-  uint64_t value = 0;
-  plist_get_uid_val(node, &value);
-  return value;
-}
-
-// Reads with the iterators: indexed access walks the list from its start.
-std::vector<plist_t> arrayItems(plist_t array) {
-  std::vector<plist_t> items;
-  plist_array_iter iter = nullptr;
-  plist_array_new_iter(array, &iter);
-  if (!iter) throw std::bad_alloc();
-  for (plist_t item = nullptr;; items.push_back(item)) {
-    plist_array_next_item(array, iter, &item);
-    if (!item) break;
-  }
-  std::free(iter);
-  return items;
-}
-
-std::vector<std::pair<std::string, plist_t>> dictItems(plist_t dict) {
-  std::vector<std::pair<std::string, plist_t>> items;
-  plist_dict_iter iter = nullptr;
-  plist_dict_new_iter(dict, &iter);
-  if (!iter) throw std::bad_alloc();
-  for (;;) {
-    char* key = nullptr;
-    plist_t value = nullptr;
-    plist_dict_next_item(dict, iter, &key, &value);
-    if (value) items.emplace_back(key ? key : "", value);
-    std::free(key);
-    if (!value) break;
-  }
-  std::free(iter);
-  return items;
-}
+// ------------------------------------------------------------- archive reader
 
 class ArchiveReader;
 
 // The keyed coder a found element reads itself from: one object dictionary.
 class ElementDecoder final : public LMKeyedDecoder {
  public:
-  ElementDecoder(ArchiveReader& reader, plist_t dict) : reader_(reader), dict_(dict) {}
-  bool containsValueForKey(std::u16string_view key) const override { return item(key); }
+  ElementDecoder(ArchiveReader& reader, const PlistNode& dict) : reader_(reader), dict_(dict) {}
+  bool containsValueForKey(std::u16string_view key) const override {
+    return item(key).type != PlistType::kNone;
+  }
   int64_t decodeInt64(std::u16string_view key) const override;
   LMRect decodeRect(std::u16string_view key) const override;
   LMValue decodeObject(std::u16string_view key) const override;
 
  private:
-  plist_t item(std::u16string_view key) const { return field(dict_, lmUtf8(key).c_str()); }
+  PlistNode item(std::u16string_view key) const;
   ArchiveReader& reader_;
-  plist_t dict_;
+  PlistNode dict_;
 };
 
 class ArchiveReader {
  public:
-  ArchiveReader(const LMUnarchiveLimits& limits, size_t archiveBytes)
-      : maxObjects_(limits.maxObjects),
+  ArchiveReader(std::span<const uint8_t> bytes, const LMUnarchiveLimits& limits)
+      : plist_(bytes),
+        maxObjects_(limits.maxObjects),
         maxDepth_(std::min(limits.maxDepth, kMaxDecodeDepth)),
         budget_(std::min<uint64_t>(limits.maxValues,
-                                   std::max<uint64_t>(1'000'000, 16 * uint64_t{archiveBytes}))) {}
+                                   std::max<uint64_t>(1'000'000, 16 * uint64_t{bytes.size()}))) {}
 
-  LMValue read(plist_t top) {
-    if (typeOf(top) != PLIST_DICT) fail("not a keyed archive: the top level is no dictionary");
-    plist_t archiver = field(top, "$archiver");
-    if (typeOf(archiver) != PLIST_STRING) fail("not a keyed archive: no $archiver");
-    if (textOf(archiver) != u"NSKeyedArchiver")
-      fail("not a keyed archive: $archiver is \"" + lmUtf8(textOf(archiver)) + "\"");
-    if (typeOf(field(top, "$version")) != PLIST_UINT) fail("not a keyed archive: no $version");
-    plist_t objects = field(top, "$objects");
-    if (typeOf(objects) != PLIST_ARRAY) fail("not a keyed archive: no $objects array");
-    objects_ = arrayItems(objects);
-    if (objects_.empty() || typeOf(objects_[0]) != PLIST_STRING || textOf(objects_[0]) != u"$null")
+  LMValue read() {
+    const PlistNode top = plist_.root();
+    if (top.type != PlistType::kDict) fail("not a keyed archive: the top level is no dictionary");
+    const PlistNode archiver = field(top, "$archiver");
+    if (!PlistReader::isText(archiver)) fail("not a keyed archive: no $archiver");
+    if (!PlistReader::textEquals(archiver, std::string_view("NSKeyedArchiver")))
+      fail("not a keyed archive: $archiver is \"" + lmUtf8(PlistReader::text(archiver)) + "\"");
+    if (field(top, "$version").type != PlistType::kInteger)
+      fail("not a keyed archive: no $version");
+    objects_ = field(top, "$objects");
+    if (objects_.type != PlistType::kArray) fail("not a keyed archive: no $objects array");
+    if (objects_.count == 0 ||
+        !PlistReader::textEquals(plist_.item(objects_, 0), std::string_view("$null")))
       fail("$objects does not start with \"$null\"");
-    if (objects_.size() > maxObjects_)
-      fail("$objects holds " + number(objects_.size()) + " entries, more than the limit of " +
+    if (objects_.count > maxObjects_)
+      fail("$objects holds " + number(objects_.count) + " entries, more than the limit of " +
            number(maxObjects_));
-    busy_.assign(objects_.size(), 0);
+    state_.assign(objects_.count, kIdle);
 
-    plist_t topKeys = field(top, "$top");
-    if (typeOf(topKeys) != PLIST_DICT) fail("not a keyed archive: no $top dictionary");
-    if (plist_t root = field(topKeys, "root")) return reference(root, "$top root");
+    const PlistNode topKeys = field(top, "$top");
+    if (topKeys.type != PlistType::kDict) fail("not a keyed archive: no $top dictionary");
+    const PlistNode root = field(topKeys, "root");
+    if (root.type != PlistType::kNone) return reference(root, "$top root");
     LMDictionary unkeyed;
     spend(1);
-    for (const auto& [key, value] : dictItems(topKeys)) {
-      unkeyed.set(spendText(lmUtf16(key)), reference(value, "$top"));
+    for (uint64_t i = 0; i < topKeys.count; ++i) {
+      unkeyed.emplace(spendText(keyText(plist_.item(topKeys, i))),
+                  reference(plist_.item(topKeys, topKeys.count + i), "$top"));
     }
     if (unkeyed.empty()) fail("$top is empty");
     return unkeyed;
@@ -840,26 +1011,46 @@ class ArchiveReader {
 
   // The object `uid` refers to; nil for the nil reference.
   LMValue decode(uint64_t uid) {
-    if (uid >= objects_.size())
-      fail("reference " + number(uid) + " is out of range (" + number(objects_.size()) +
+    if (uid >= objects_.count)
+      fail("reference " + number(uid) + " is out of range (" + number(objects_.count) +
            " objects)");
     if (uid == 0) return LMValue();
-    if (auto it = elements_.find(uid); it != elements_.end()) {
+    if (state_[uid] == kShared) {
       spend(1);
-      return it->second;
+      return elements_.at(uid);
     }
-    if (busy_[uid]) fail("object " + number(uid) + " refers to itself (a reference cycle)");
-    busy_[uid] = 1;
+    if (state_[uid] == kBusy)
+      fail("object " + number(uid) + " refers to itself (a reference cycle)");
+    state_[uid] = kBusy;
     LMValue value = decodeObject(uid);
-    busy_[uid] = 0;
-    if (value.kind() == LMValueKind::kObject) elements_.emplace(uid, value);
+    state_[uid] = kIdle;
+    if (value.kind() == LMValueKind::kObject) {
+      elements_.emplace(uid, value);
+      state_[uid] = kShared;
+    }
     return value;
   }
 
   // A value that must be a reference.
-  LMValue reference(plist_t node, const char* where) {
-    if (typeOf(node) != PLIST_UID) fail(std::string(where) + " is not a reference");
-    return decode(uidOf(node));
+  LMValue reference(const PlistNode& node, const char* where) {
+    if (node.type != PlistType::kUid) fail(std::string(where) + " is not a reference");
+    return decode(PlistReader::uid(node));
+  }
+
+  template <typename Key>
+  PlistNode field(const PlistNode& dict, Key key) const {
+    if (!open_.empty() && open_.back().payload == dict.payload && dict.type == PlistType::kDict) {
+      const OpenObject& o = open_.back();
+      for (uint64_t i = 0; i < o.count; ++i) {
+        if (PlistReader::textEquals(openKeys_[o.firstKey + i], key))
+          return plist_.item(dict, o.count + i);
+      }
+      return {};
+    }
+    return plist_.field(dict, key);
+  }
+  PlistNode field(const PlistNode& dict, const char* key) const {
+    return field(dict, std::string_view(key));
   }
 
  private:
@@ -872,6 +1063,32 @@ class ArchiveReader {
     size_t& depth_;
   };
 
+  // The object being decoded, innermost last. The keys of an object with few
+  // of them are read once when it is opened, so that each lookup compares
+  // texts only; an object with more is searched in the property list.
+  static constexpr uint64_t kFewKeys = 32;
+  struct OpenObject {
+    const uint8_t* payload;
+    size_t firstKey;  // into openKeys_
+    uint64_t count;
+  };
+  struct OpenGuard {
+    OpenGuard(ArchiveReader& r, const PlistNode& dict) : r_(r), firstKey_(r.openKeys_.size()) {
+      if (dict.count > kFewKeys) return;
+      for (uint64_t i = 0; i < dict.count; ++i) r.openKeys_.push_back(r.plist_.item(dict, i));
+      r.open_.push_back({dict.payload, firstKey_, dict.count});
+      opened_ = true;
+    }
+    ~OpenGuard() {
+      if (!opened_) return;
+      r_.open_.pop_back();
+      r_.openKeys_.resize(firstKey_);
+    }
+    ArchiveReader& r_;
+    size_t firstKey_;
+    bool opened_ = false;
+  };
+
   // Charged the same whichever layout a value comes in (a key of an unknown
   // object costs what the key of a dictionary does), so that what this
   // system writes of a decoded tree decodes within the same budget.
@@ -879,49 +1096,55 @@ class ArchiveReader {
     spent_ += cost;
     if (spent_ > budget_) fail("the archive expands to more than " + number(budget_) + " values");
   }
-  const std::u16string& spendText(const std::u16string& text) {
+  std::u16string&& spendText(std::u16string&& text) {
     spend(1 + text.size() / 64);
-    return text;
+    return std::move(text);
+  }
+
+  // The entry `uid` of "$objects".
+  PlistNode entry(uint64_t uid) const { return plist_.item(objects_, uid); }
+
+  std::u16string keyText(const PlistNode& key) const {
+    if (!PlistReader::isText(key)) fail("a property-list dictionary key is not a text");
+    return PlistReader::text(key);
   }
 
   // A text, number or data value; nil for anything else.
-  LMValue plainValue(plist_t node) {
-    switch (typeOf(node)) {
-      case PLIST_STRING:
-      case PLIST_KEY: {
-        std::u16string text = textOf(node);
-        spendText(text);
-        return text;
-      }
-      case PLIST_UINT:
+  LMValue plainValue(const PlistNode& node) {
+    switch (node.type) {
+      case PlistType::kAscii:
+      case PlistType::kUtf16:
+        return spendText(PlistReader::text(node));
+      case PlistType::kInteger:
         spend(1);
-        return integerOf(node);
-      case PLIST_REAL:
+        return PlistReader::integer(node);
+      case PlistType::kReal:
         spend(1);
-        return realOf(node);
-      case PLIST_BOOLEAN:
+        return PlistReader::real(node);
+      case PlistType::kBool:
         spend(1);
-        return boolOf(node);
-      case PLIST_DATA: {
-        LMData data = dataOf(node);
-        spend(1 + data.size() / 64);
-        return data;
-      }
+        return node.count != 0;
+      case PlistType::kData:
+        spend(1 + node.count / 64);
+        return PlistReader::data(node);
       default:
         return LMValue();
     }
   }
 
   LMValue decodeObject(uint64_t uid) {
-    plist_t node = objects_[uid];
-    if (typeOf(node) != PLIST_DICT) {
+    const PlistNode node = entry(uid);
+    if (node.type != PlistType::kDict) {
       LMValue value = plainValue(node);
       if (value.isNil()) fail("object " + number(uid) + " is of an unsupported property-list type");
       return value;
     }
     DepthGuard depth(*this);
-    spend(1);
-    const auto [kind, name] = classOf(uid, node);
+    // Looking keys up walks the object's keys; objects of the known classes
+    // have a handful, and more are paid for.
+    spend(node.count > kFewKeys ? node.count : 1);
+    OpenGuard open(*this, node);
+    const auto& [kind, name] = classOf(uid, node);
     if (!kind) return unknownObject(node, name);
     switch (*kind) {
       case Kind::kDictionary:
@@ -929,26 +1152,26 @@ class ArchiveReader {
       case Kind::kArray:
         return references(field(node, "NS.objects"), "NS.objects");
       case Kind::kString:
-        if (plist_t text = plainField(node, "NS.string"); typeOf(text) == PLIST_STRING)
+        if (const PlistNode text = plainField(node, "NS.string"); PlistReader::isText(text))
           return plainValue(text);
-        if (plist_t bytes = plainField(node, "NS.bytes"); typeOf(bytes) == PLIST_DATA) {
-          const LMValue utf8 = plainValue(bytes);
-          const LMData& d = *utf8.asData();
-          return lmUtf16(std::string_view(reinterpret_cast<const char*>(d.data()), d.size()));
+        if (const PlistNode bytes = plainField(node, "NS.bytes"); bytes.type == PlistType::kData) {
+          spend(1 + bytes.count / 64);
+          return lmUtf16(std::string_view(reinterpret_cast<const char*>(bytes.payload), bytes.count));
         }
         fail("a text object has neither NS.string nor NS.bytes");
       case Kind::kData:
-        if (plist_t bytes = plainField(node, "NS.data"); typeOf(bytes) == PLIST_DATA)
+        if (const PlistNode bytes = plainField(node, "NS.data"); bytes.type == PlistType::kData)
           return plainValue(bytes);
         fail("a data object has no NS.data");
       case Kind::kNull:
         return LMValue::null();
       case Kind::kDate: {
-        plist_t time = plainField(node, "NS.time");
-        if (typeOf(time) == PLIST_REAL)
-          return LMDate::fromTimeIntervalSinceReferenceDate(realOf(time));
-        if (typeOf(time) == PLIST_UINT)
-          return LMDate::fromTimeIntervalSinceReferenceDate(static_cast<double>(integerOf(time)));
+        const PlistNode time = plainField(node, "NS.time");
+        if (time.type == PlistType::kReal)
+          return LMDate::fromTimeIntervalSinceReferenceDate(PlistReader::real(time));
+        if (time.type == PlistType::kInteger)
+          return LMDate::fromTimeIntervalSinceReferenceDate(
+              static_cast<double>(PlistReader::integer(time)));
         fail("a date has no NS.time number");
       }
       case Kind::kDecimal:
@@ -967,79 +1190,112 @@ class ArchiveReader {
 
   // The kind of a class, or nullopt with its $classname for one we do not
   // know. A subclass we do not know reads as the first superclass we do.
-  std::pair<std::optional<Kind>, std::u16string> classOf(uint64_t uid, plist_t dict) {
-    plist_t ref = field(dict, "$class");
-    if (typeOf(ref) != PLIST_UID) fail("object " + number(uid) + " has no $class reference");
-    const uint64_t classUid = uidOf(ref);
+  struct ResolvedClass {
+    std::optional<Kind> kind;
+    std::u16string name;
+  };
+  const ResolvedClass& classOf(uint64_t uid, const PlistNode& dict) {
+    const PlistNode ref = field(dict, "$class");
+    if (ref.type != PlistType::kUid) fail("object " + number(uid) + " has no $class reference");
+    const uint64_t classUid = PlistReader::uid(ref);
     if (auto it = resolved_.find(classUid); it != resolved_.end()) return it->second;
-    if (classUid == 0 || classUid >= objects_.size())
+    if (classUid == 0 || classUid >= objects_.count)
       fail("object " + number(uid) + " has a $class reference out of range");
-    plist_t entry = objects_[classUid];
-    if (typeOf(entry) != PLIST_DICT)
+    const PlistNode classEntry = entry(classUid);
+    if (classEntry.type != PlistType::kDict)
       fail("class entry " + number(classUid) + " is not a dictionary");
-    plist_t name = field(entry, "$classname");
-    if (typeOf(name) != PLIST_STRING)
-      fail("class entry " + number(classUid) + " has no $classname");
-    std::pair<std::optional<Kind>, std::u16string> resolved{std::nullopt, textOf(name)};
-    std::vector<std::u16string> candidates{resolved.second};
-    if (plist_t chain = field(entry, "$classes"); typeOf(chain) == PLIST_ARRAY) {
-      for (plist_t super : arrayItems(chain))
-        if (typeOf(super) == PLIST_STRING) candidates.push_back(textOf(super));
-    }
-    for (const std::u16string& candidate : candidates) {
-      if (const ArchivedClass* known = findClass(candidate)) {
-        resolved = {known->kind, candidate};
-        break;
+    const PlistNode name = field(classEntry, "$classname");
+    if (!PlistReader::isText(name)) fail("class entry " + number(classUid) + " has no $classname");
+    ResolvedClass resolved{std::nullopt, PlistReader::text(name)};
+    if (const ArchivedClass* known = findClass(resolved.name)) {
+      resolved.kind = known->kind;
+    } else if (const PlistNode chain = field(classEntry, "$classes");
+               chain.type == PlistType::kArray) {
+      spend(chain.count);
+      for (uint64_t i = 0; i < chain.count; ++i) {
+        const PlistNode super = plist_.item(chain, i);
+        if (!PlistReader::isText(super)) continue;
+        std::u16string candidate = PlistReader::text(super);
+        if (const ArchivedClass* known = findClass(candidate)) {
+          resolved = {known->kind, std::move(candidate)};
+          break;
+        }
       }
     }
-    return resolved_.emplace(classUid, resolved).first->second;
+    spend(1);  // each class entry is resolved once
+    return resolved_.emplace(classUid, std::move(resolved)).first->second;
   }
 
   // The objects of a reference array such as "NS.objects"; absent is empty.
-  LMArray references(plist_t array, const char* name) {
+  LMArray references(const PlistNode& array, const char* name) {
     LMArray items;
-    if (!array) return items;
-    if (typeOf(array) != PLIST_ARRAY) fail(std::string(name) + " is not an array");
-    for (plist_t ref : arrayItems(array)) {
-      items.push_back(reference(ref, name));
+    if (array.type == PlistType::kNone) return items;
+    if (array.type != PlistType::kArray) fail(std::string(name) + " is not an array");
+    items.reserve(std::min<uint64_t>(array.count, 4096));
+    for (uint64_t i = 0; i < array.count; ++i) {
+      items.push_back(reference(plist_.item(array, i), name));
       if (items.back().isNil()) fail(std::string("nil inside ") + name);
     }
     return items;
   }
 
-  LMValue dictionaryObject(plist_t node) {
-    const LMArray keys = references(field(node, "NS.keys"), "NS.keys");
-    LMArray values = references(field(node, "NS.objects"), "NS.objects");
-    if (keys.size() != values.size())
-      fail("NS.keys and NS.objects differ in length (" + number(keys.size()) + " and " +
-           number(values.size()) + ")");
+  LMValue dictionaryObject(const PlistNode& node) {
+    const PlistNode keys = field(node, "NS.keys");
+    const PlistNode values = field(node, "NS.objects");
+    const auto countOf = [&](const PlistNode& array, const char* name) -> uint64_t {
+      if (array.type == PlistType::kNone) return 0;
+      if (array.type != PlistType::kArray) fail(std::string(name) + " is not an array");
+      return array.count;
+    };
+    const uint64_t count = countOf(keys, "NS.keys");
+    if (count != countOf(values, "NS.objects"))
+      fail("NS.keys and NS.objects differ in length (" + number(count) + " and " +
+           number(countOf(values, "NS.objects")) + ")");
     LMDictionary dict;
-    for (size_t i = 0; i < keys.size(); ++i) {
-      const std::u16string* key = keys[i].asString();
-      if (!key) fail("a dictionary key is not a text");
-      dict.set(*key, std::move(values[i]));
+    dict.reserve(std::min<uint64_t>(count, 4096));
+    for (uint64_t i = 0; i < count; ++i) {
+      std::u16string key = keyOf(plist_.item(keys, i));
+      LMValue value = reference(plist_.item(values, i), "NS.objects");
+      if (value.isNil()) fail("nil inside NS.objects");
+      dict.emplace(std::move(key), std::move(value));
     }
     return dict;
   }
 
-  // A plain value stored inline or behind a reference.
-  plist_t plainField(plist_t dict, const char* key) {
-    plist_t node = field(dict, key);
-    if (typeOf(node) != PLIST_UID) return node;
-    const uint64_t uid = uidOf(node);
-    if (uid >= objects_.size()) fail(std::string(key) + " refers out of range");
-    return objects_[uid];
+  // A dictionary key: a reference to a text, read as the text (other
+  // objects are decoded to tell what they are).
+  std::u16string keyOf(const PlistNode& ref) {
+    if (ref.type != PlistType::kUid) fail("NS.keys is not a reference");
+    const uint64_t uid = PlistReader::uid(ref);
+    if (uid > 0 && uid < objects_.count) {
+      const PlistNode node = entry(uid);
+      if (PlistReader::isText(node)) return spendText(PlistReader::text(node));
+    }
+    LMValue key = decode(uid);
+    if (key.isNil()) fail("nil inside NS.keys");
+    std::u16string* text = key.asString();
+    if (!text) fail("a dictionary key is not a text");
+    return std::move(*text);
   }
 
-  std::optional<int64_t> integerField(plist_t dict, const char* key) {
-    plist_t node = field(dict, key);
-    if (!node) return std::nullopt;
-    if (typeOf(node) == PLIST_UINT) return integerOf(node);
-    if (typeOf(node) == PLIST_BOOLEAN) return boolOf(node) ? 1 : 0;
+  // A plain value stored inline or behind a reference.
+  PlistNode plainField(const PlistNode& dict, const char* key) {
+    const PlistNode node = field(dict, key);
+    if (node.type != PlistType::kUid) return node;
+    const uint64_t uid = PlistReader::uid(node);
+    if (uid >= objects_.count) fail(std::string(key) + " refers out of range");
+    return entry(uid);
+  }
+
+  std::optional<int64_t> integerField(const PlistNode& dict, const char* key) {
+    const PlistNode node = field(dict, key);
+    if (node.type == PlistType::kNone) return std::nullopt;
+    if (node.type == PlistType::kInteger || node.type == PlistType::kBool)
+      return PlistReader::integer(node);
     fail(std::string(key) + " is not a number");
   }
 
-  LMValue decimalObject(plist_t node) {
+  LMValue decimalObject(const PlistNode& node) {
     const int64_t exponent = integerField(node, "NS.exponent").value_or(0);
     const int64_t length = integerField(node, "NS.length").value_or(0);
     const bool negative = integerField(node, "NS.negative").value_or(0) != 0;
@@ -1049,11 +1305,11 @@ class ArchiveReader {
       fail("NS.exponent " + std::to_string(exponent) + " is out of range");
     if (length < 0 || length > 8) fail("NS.length " + std::to_string(length) + " is out of range");
     if (order != 1 && order != 2) fail("NS.mantissa.bo names no byte order");
-    plist_t mantissa = plainField(node, "NS.mantissa");
-    if (typeOf(mantissa) != PLIST_DATA) fail("a decimal number has no NS.mantissa");
-    const LMData bytes = dataOf(mantissa);
-    if (bytes.size() < static_cast<size_t>(2 * length) || bytes.size() > 16)
-      fail("NS.mantissa has " + number(bytes.size()) + " bytes");
+    const PlistNode mantissa = plainField(node, "NS.mantissa");
+    if (mantissa.type != PlistType::kData) fail("a decimal number has no NS.mantissa");
+    const uint8_t* bytes = mantissa.payload;
+    if (mantissa.count < static_cast<uint64_t>(2 * length) || mantissa.count > 16)
+      fail("NS.mantissa has " + number(mantissa.count) + " bytes");
     if (length == 0) return negative ? LMDecimal::notANumber() : LMDecimal::zero();
     unsigned __int128 m = 0;
     for (int64_t word = length - 1; word >= 0; --word) {
@@ -1074,26 +1330,28 @@ class ArchiveReader {
     return w;
   }
 
-  LMValue attributedStringObject(plist_t node) {
+  LMValue attributedStringObject(const PlistNode& node) {
     LMAttributedString result;
-    if (plist_t text = field(node, "NSString")) {
-      LMValue value = typeOf(text) == PLIST_STRING ? plainValue(text) : reference(text, "NSString");
-      if (!value.asString()) fail("NSString of an attributed text is not a text");
-      result.string = *value.asString();
+    if (const PlistNode text = field(node, "NSString"); text.type != PlistType::kNone) {
+      LMValue value =
+          PlistReader::isText(text) ? plainValue(text) : reference(text, "NSString");
+      std::u16string* string = value.asString();
+      if (!string) fail("NSString of an attributed text is not a text");
+      result.string = std::move(*string);
     }
     const uint64_t length = result.string.size();
-    plist_t attributesRef = field(node, "NSAttributes");
-    plist_t infoRef = field(node, "NSAttributeInfo");
-    if (length == 0 || !attributesRef) return result;
+    const PlistNode attributesRef = field(node, "NSAttributes");
+    const PlistNode infoRef = field(node, "NSAttributeInfo");
+    if (length == 0 || attributesRef.type == PlistType::kNone) return result;
     const LMValue attributes = reference(attributesRef, "NSAttributes");
-    if (!infoRef) {
+    if (infoRef.type == PlistType::kNone) {
       const LMDictionary* all = attributes.asDictionary();
       if (!all) fail("NSAttributes without NSAttributeInfo is not a dictionary");
       if (!all->empty()) result.runs.push_back({LMTextRange::make(0, length), *all});
       return result;
     }
-    const LMValue info =
-        typeOf(infoRef) == PLIST_DATA ? plainValue(infoRef) : reference(infoRef, "NSAttributeInfo");
+    const LMValue info = infoRef.type == PlistType::kData ? plainValue(infoRef)
+                                                           : reference(infoRef, "NSAttributeInfo");
     const LMData* runs = info.asData();
     const LMArray* slots = attributes.asArray();
     if (!runs) fail("NSAttributeInfo is not data");
@@ -1127,55 +1385,78 @@ class ArchiveReader {
 
   // An object of a class we do not know: its class name under "$classname"
   // and its keys; keys holding nil are left out.
-  LMDictionary unknownObject(plist_t node, const std::u16string& className) {
+  LMDictionary unknownObject(const PlistNode& node, const std::u16string& className) {
     LMDictionary dict{{u"$classname", className}};
     spend(1);  // the key "$classname"
-    spendText(className);
-    for (const auto& [key, value] : dictItems(node)) {
-      if (key == "$class") continue;
-      LMValue decoded = inlineValue(value);
-      if (!decoded.isNil()) dict.set(spendText(lmUtf16(key)), std::move(decoded));
+    spend(1 + className.size() / 64);
+    for (uint64_t i = 0; i < node.count; ++i) {
+      const PlistNode key = plist_.item(node, i);
+      if (PlistReader::textEquals(key, std::string_view("$class"))) continue;
+      std::u16string name = keyText(key);
+      LMValue decoded = inlineValue(plist_.item(node, node.count + i));
+      if (!decoded.isNil()) dict.emplace(spendText(std::move(name)), std::move(decoded));
     }
     return dict;
   }
 
   // A key of an unknown object: a reference or a plain value.
-  LMValue inlineValue(plist_t node) {
-    if (typeOf(node) == PLIST_UID) return decode(uidOf(node));
+  LMValue inlineValue(const PlistNode& node) {
+    if (node.type == PlistType::kUid) return decode(PlistReader::uid(node));
     LMValue value = plainValue(node);
     if (value.isNil()) fail("an object of an unknown class holds an unsupported value");
     return value;
   }
 
+  friend class ElementDecoder;
+
+  const PlistReader plist_;
   const size_t maxObjects_;
   const size_t maxDepth_;
   const uint64_t budget_;
-  std::vector<plist_t> objects_;
-  std::vector<uint8_t> busy_;
+  PlistNode objects_;
+  // Per entry of "$objects": being decoded (a reference to it now is a
+  // cycle), or a decoded element, shared by every later reference.
+  enum : uint8_t { kIdle, kBusy, kShared };
+  std::vector<uint8_t> state_;
   std::unordered_map<uint64_t, LMValue> elements_;
-  std::unordered_map<uint64_t, std::pair<std::optional<Kind>, std::u16string>> resolved_;
+  std::unordered_map<uint64_t, ResolvedClass> resolved_;
+  std::vector<OpenObject> open_;
+  std::vector<PlistNode> openKeys_;
   size_t depth_ = 0;
   uint64_t spent_ = 0;
 };
 
+PlistNode ElementDecoder::item(std::u16string_view key) const {
+  return reader_.field(dict_, key);
+}
+
 int64_t ElementDecoder::decodeInt64(std::u16string_view key) const {
-  plist_t node = item(key);
-  if (typeOf(node) == PLIST_UINT) return integerOf(node);
-  if (typeOf(node) == PLIST_BOOLEAN) return boolOf(node) ? 1 : 0;
-  return 0;
+  return PlistReader::integer(item(key));
 }
 
 LMRect ElementDecoder::decodeRect(std::u16string_view key) const {
-  plist_t node = item(key);
-  if (typeOf(node) == PLIST_STRING) return lmRectFromString(textOf(node));
-  if (typeOf(node) != PLIST_UID) return LMRect::zero();
-  const LMValue value = reader_.decode(uidOf(node));
+  PlistNode node = item(key);
+  if (node.type == PlistType::kUid) {
+    // Nearly always a reference to an ASCII text: read where it lies.
+    const uint64_t uid = PlistReader::uid(node);
+    if (uid > 0 && uid < reader_.objects_.count) {
+      const PlistNode text = reader_.entry(uid);
+      if (text.type == PlistType::kAscii) {
+        reader_.spend(1 + text.count / 64);
+        return rectFromAscii(
+            std::string_view(reinterpret_cast<const char*>(text.payload), text.count));
+      }
+    }
+  }
+  if (PlistReader::isText(node)) return lmRectFromString(PlistReader::text(node));
+  if (node.type != PlistType::kUid) return LMRect::zero();
+  const LMValue value = reader_.decode(PlistReader::uid(node));
   return value.asString() ? lmRectFromString(*value.asString()) : LMRect::zero();
 }
 
 LMValue ElementDecoder::decodeObject(std::u16string_view key) const {
-  plist_t node = item(key);
-  return typeOf(node) == PLIST_UID ? reader_.decode(uidOf(node)) : LMValue();
+  const PlistNode node = item(key);
+  return node.type == PlistType::kUid ? reader_.decode(PlistReader::uid(node)) : LMValue();
 }
 
 template <typename F>
@@ -1207,13 +1488,7 @@ std::optional<LMValue> lxDataUnserialize(std::span<const uint8_t> bytes, std::st
     if (bytes.size() > limits.maxBytes)
       fail("the archive has " + number(bytes.size()) + " bytes, more than the limit of " +
            number(limits.maxBytes));
-    checkBinaryPlist(bytes);
-    plist_t parsed = nullptr;
-    plist_from_bin(reinterpret_cast<const char*>(bytes.data()), static_cast<uint32_t>(bytes.size()),
-                   &parsed);
-    if (!parsed) fail("the property list cannot be parsed");
-    std::unique_ptr<void, PlistDeleter> top(parsed);
-    return ArchiveReader(limits, bytes.size()).read(top.get());
+    return ArchiveReader(bytes, limits).read();
   });
 }
 
@@ -1223,6 +1498,12 @@ LMRect lmRectFromString(std::u16string_view text) {
     if (c > 0x7F) return LMRect::zero();
     ascii.push_back(static_cast<char>(c));
   }
+  return rectFromAscii(ascii);
+}
+
+namespace {
+
+LMRect rectFromAscii(std::string_view ascii) {
   const char* p = ascii.data();
   const char* end = p + ascii.size();
   auto skipSpace = [&] {
@@ -1246,3 +1527,5 @@ LMRect lmRectFromString(std::u16string_view text) {
   skipSpace();
   return ok && p == end ? r : LMRect::zero();
 }
+
+}  // namespace

@@ -49,8 +49,10 @@
 // the nil reference are left out). Such dictionaries are written back as plain
 // dictionaries.
 //
-// The reader refuses texts holding U+0000 (the property-list parser cannot
-// carry them) and nil inside arrays and dictionaries.
+// The reader refuses texts holding U+0000 (no archive this system writes has
+// them, and readers that use C strings cut them short) and nil inside arrays
+// and dictionaries; it reads an unpaired surrogate as U+FFFD, one unit for
+// one, as the writer writes it.
 //
 // "$top": an archive with a "root" key decodes to that object. Archives written
 // with unkeyed top objects ("$0", "$1", ...) have no "root"; they decode to a
@@ -95,9 +97,11 @@ std::optional<std::vector<uint8_t>> lxDataSerialize(const LMValue& root,
 
 // The value tree of an archive; nullopt (and `error` set to a one-line
 // reason) for anything that is not a well-formed keyed archive of supported
-// classes within `limits`. The binary property list is checked (trailer,
-// offsets, references, nesting, how far shared parts would expand) before it
-// is handed to the property-list parser.
+// classes within `limits`. The binary property list is read where it lies:
+// its trailer is checked first, every object's offset, count and references
+// when the archive reaches it, and nothing of the list is built or copied
+// but the values that go into the tree, so that its own nesting and sharing
+// cost nothing beyond what `limits` allows the tree.
 std::optional<LMValue> lxDataUnserialize(std::span<const uint8_t> bytes,
                                          std::string* error = nullptr,
                                          const LMUnarchiveLimits& limits = {});

@@ -462,6 +462,33 @@ TEST(KeyedArchiveTest, ReadsWhatOtherArchiversWrite) {
     EXPECT_EQ(dump(c.expected), dump(unserialize(raw.bytes(c.make(raw)))));
   }
 
+  // An object of an unknown class with more keys than are read up front,
+  // one of them a 16-byte integer (its low 64 bits count).
+  {
+    RawArchive raw;
+    plist_t wide = plist_new_dict();
+    plist_dict_set_item(wide, "$class", plist_new_uid(raw.add(plist_new_dict())));
+    LMDictionary expected{{u"$classname", u"Wide"}};
+    for (int i = 0; i < 40; ++i) {
+      plist_dict_set_item(wide, ("k" + std::to_string(i)).c_str(), plist_new_uint(i));
+      expected.set(lmUtf16("k" + std::to_string(i)), i);
+    }
+    plist_dict_set_item(wide, "big", plist_new_uint(UINT64_MAX));
+    expected.set(u"big", -1);
+    plist_dict_set_item(plist_array_get_item(plist_dict_get_item(raw.top(), "$objects"), 1),
+                        "$classname", plist_new_string("Wide"));
+    EXPECT_EQ(dump(LMValue(expected), true), dump(unserialize(raw.bytes(raw.add(wide))), true));
+  }
+
+  // A lone surrogate in a UTF-16 text reads as U+FFFD, one unit for one.
+  std::vector<uint8_t> lone = serialize(u"\u00E9\uFFFDx");
+  const std::vector<uint8_t> replacement{0xFF, 0xFD};
+  auto at = std::search(lone.begin(), lone.end(), replacement.begin(), replacement.end());
+  ASSERT_NE(at, lone.end());
+  at[0] = 0xD8;
+  at[1] = 0x00;
+  EXPECT_EQ(LMValue(u"\u00E9\uFFFDx"), unserialize(lone));
+
   // Elements: a subclass, rectangles inline, by reference and malformed.
   RawArchive raw;
   const uint64_t box = raw.add(text("{{0, 0}, {595, 842}}"));
@@ -732,26 +759,25 @@ std::vector<uint8_t> handWrittenPlist(size_t count,
   return out;
 }
 
-TEST(KeyedArchiveTest, ChecksThePropertyListBeforeParsingIt) {
+TEST(KeyedArchiveTest, ReadsThePropertyListOnlyWhereTheArchiveLeads) {
   const auto next = [](size_t n) {
     return [n](size_t i) {
       return i + 1 < n ? std::vector<uint32_t>{uint32_t(i + 1)} : std::vector<uint32_t>{};
     };
   };
-  // A million levels would overflow the parser's stack, sixty layers of
-  // [next, next] expand to 2^60 nodes, and a loop never ends.
-  EXPECT_NE(std::string::npos,
-            failureOf(handWrittenPlist(1'000'000, next(1'000'000))).find("nests too deeply"));
+  // Lists a tree-building parser would choke on: a million levels, sixty
+  // layers of [next, next] (2^60 nodes) and a loop. None is an archive.
   const auto layers = handWrittenPlist(61, [](size_t i) {
     return i < 60 ? std::vector<uint32_t>{uint32_t(i + 1), uint32_t(i + 1)}
                   : std::vector<uint32_t>{};
   });
-  EXPECT_NE(std::string::npos, failureOf(layers).find("expand too far"));
   const auto loop =
       handWrittenPlist(2, [](size_t i) { return std::vector<uint32_t>{uint32_t(1 - i)}; });
-  EXPECT_NE(std::string::npos, failureOf(loop).find("refers to itself"));
+  for (const auto& plist : {handWrittenPlist(1'000'000, next(1'000'000)), layers, loop}) {
+    EXPECT_NE(std::string::npos, failureOf(plist).find("top level is no dictionary"));
+  }
 
-  // 10,000 nested arrays inside an object, written with the library.
+  // 10,000 nested arrays inside an object are not a value the archive holds.
   RawArchive raw;
   plist_t inner = plist_new_array();
   for (int i = 0; i < 10'000; ++i) {
@@ -760,7 +786,41 @@ TEST(KeyedArchiveTest, ChecksThePropertyListBeforeParsingIt) {
     inner = outer;
   }
   EXPECT_NE(std::string::npos,
-            failureOf(raw.bytes(raw.object("Deep", {{"list", inner}}))).find("nests too deeply"));
+            failureOf(raw.bytes(raw.object("Deep", {{"list", inner}}))).find("unsupported value"));
+
+  // Offsets and references are checked where they are used.
+  const std::vector<uint8_t> good = serialize(LMArray{1});
+  const size_t offsetSize = good[good.size() - 26];
+  const size_t table = good.back();  // below 256 in so small an archive
+  const size_t root = good[good.size() - 9];
+  std::vector<uint8_t> outside = good;
+  outside[table + root * offsetSize + offsetSize - 1] = 0xFF;
+  EXPECT_NE(std::string::npos, failureOf(outside).find("lies outside the data"));
+  std::vector<uint8_t> rootBeyond = good;
+  rootBeyond[rootBeyond.size() - 9] = 0xFF;
+  EXPECT_NE(std::string::npos, failureOf(rootBeyond).find("trailer is inconsistent"));
+}
+
+TEST(KeyedArchiveTest, PaysForKeysItHasToSearch) {
+  // An array object with a thousand keys besides its own, referenced three
+  // thousand times: each use searches the keys, so each is paid for.
+  RawArchive raw;
+  raw.object("NSArray", {});  // the class entry, at 1
+  plist_t wide = plist_new_dict();
+  plist_dict_set_item(wide, "$class", plist_new_uid(1));
+  for (int i = 0; i < 1000; ++i)
+    plist_dict_set_item(wide, ("k" + std::to_string(i)).c_str(), plist_new_uint(i));
+  const uint64_t junk = raw.add(wide);
+  const uint64_t root =
+      raw.object("NSArray", {{"NS.objects", uids(std::vector<uint64_t>(3000, junk))}});
+  EXPECT_NE(std::string::npos, failureOf(raw.bytes(root)).find("expands to more than"));
+
+  // Used once, the same object reads as the empty array it is.
+  RawArchive once;
+  once.object("NSArray", {});
+  plist_t copy = plist_copy(wide);
+  const uint64_t single = once.add(copy);
+  EXPECT_EQ(dump(LMArray{}), dump(unserialize(once.bytes(single))));
 }
 
 }  // namespace
