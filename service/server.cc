@@ -32,6 +32,7 @@ constexpr auto kTrimDelay = std::chrono::seconds(1);
 // After unpublishing on idle, queued connections are still served until the
 // listen queue stays empty this long.
 constexpr auto kDrainQuietTime = std::chrono::milliseconds(100);
+constexpr auto kBusyPollInterval = std::chrono::milliseconds(50);
 constexpr auto kLockPatience = std::chrono::seconds(5);
 // Replies up to this size are sent without waiting (see serveConnection).
 constexpr size_t kQuickReplyBytes = 64u << 10;
@@ -237,7 +238,9 @@ void LMServer::serve(LMListener& listener) {
       active = active_;
       lastEnd = lastEnd_;
     }
-    int timeout = -1;
+    // While calls run, the loop looks at the count every so often, so that
+    // ending calls need not wake it (a wake-up costs the call's thread time).
+    int timeout = active > 0 ? static_cast<int>(kBusyPollInterval.count()) : -1;
     if (active == 0) {
       const auto now = Clock::now();
       if (!trimmed) {
@@ -348,9 +351,10 @@ void LMServer::poolThread(int fd) {
     fd = -1;
     lock.lock();
     if (finishing) --finishing_;
-    --active_;
+    // The accept loop waits for a free place only when every place was
+    // taken; otherwise it looks at the count again on its own (see serve).
+    if (active_-- == options_.maxConnections) wake();
     lastEnd_ = Clock::now();
-    wake();  // the accept loop may wait for a free place or for idleness
   }
 }
 
