@@ -342,6 +342,8 @@ void LMDictionary::set(std::u16string_view key, LMValue value) {
   (*this)[key] = std::move(value);
 }
 
+void LMDictionary::reserve(size_t count) { entries_.reserve(count); }
+
 void LMDictionary::emplace(std::u16string key, LMValue value) {
   if (auto p = position(key)) {
     entries_[*p].value = std::move(value);

@@ -69,7 +69,7 @@ class LMDictionary {
   // What `set` does, taking over `key`'s storage when the key is new.
   void emplace(std::u16string key, LMValue value);
   // Room for `count` entries without reallocating.
-  void reserve(size_t count) { entries_.reserve(count); }
+  void reserve(size_t count);
   // The value under `key`, inserted as nil first when absent.
   LMValue& operator[](std::u16string_view key);
   // Removes `key`; false when it was absent.
