@@ -251,13 +251,14 @@ class BinaryPlist {
     bytes_.insert(bytes_.end(), p, p + n);
     return node;
   }
-  // An array of the nodes items[0], items[stride], items[2 * stride], ...
-  uint32_t array(const uint32_t* items, size_t count, size_t stride = 1) {
+  // An array of `count` nodes of `items`, from `first` on, `stride` apart.
+  uint32_t array(const std::vector<uint32_t>& items, size_t first, size_t count,
+                 size_t stride = 1) {
     const uint32_t node = add(kArray, 0, refs_.size(), count);
-    for (size_t i = 0; i < count; ++i) refs_.push_back(items[i * stride]);
+    for (size_t i = 0; i < count; ++i) refs_.push_back(items[first + i * stride]);
     return node;
   }
-  uint32_t array(const std::vector<uint32_t>& items) { return array(items.data(), items.size()); }
+  uint32_t array(const std::vector<uint32_t>& items) { return array(items, 0, items.size()); }
   // A dictionary of `count` pairs, key and value next to each other.
   uint32_t dictionary(const uint32_t* pairs, size_t count) {
     const uint32_t node = add(kDict, 0, refs_.size(), count);
@@ -565,7 +566,7 @@ class ArchiveWriter {
       const uint32_t member = this->member(item, "an array");
       pending_.push_back(member);
     }
-    const uint32_t members = plist_.array(pending_.data() + start, items.size());
+    const uint32_t members = plist_.array(pending_, start, items.size());
     pending_.resize(start);
     ObjectDict dict = objectOf(u"NSArray");
     set(dict, u"NS.objects", members);
@@ -584,8 +585,8 @@ class ArchiveWriter {
       pending_.push_back(key);
       pending_.push_back(value);
     }
-    const uint32_t keys = plist_.array(pending_.data() + start, entries.size(), 2);
-    const uint32_t values = plist_.array(pending_.data() + start + 1, entries.size(), 2);
+    const uint32_t keys = plist_.array(pending_, start, entries.size(), 2);
+    const uint32_t values = plist_.array(pending_, start + 1, entries.size(), 2);
     pending_.resize(start);
     ObjectDict dict = objectOf(u"NSDictionary");
     set(dict, u"NS.keys", keys);

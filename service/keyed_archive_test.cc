@@ -192,6 +192,7 @@ TEST(KeyedArchiveTest, RoundTripsEveryKindOfValueExactly) {
       LMDecimal::zero(),
       LMDecimal::notANumber(),
       LMArray{},
+      LMDictionary{},
       LMArray{1, 1.0, true, u"1", LMArray{LMDictionary{}}},
       LMDictionary{{u"z", 1}, {u"a", LMValue::null()}, {u"m", LMArray{u"x", u"x"}}},
   };
@@ -765,15 +766,16 @@ TEST(KeyedArchiveTest, ReadsThePropertyListOnlyWhereTheArchiveLeads) {
       return i + 1 < n ? std::vector<uint32_t>{uint32_t(i + 1)} : std::vector<uint32_t>{};
     };
   };
-  // Lists a tree-building parser would choke on: a million levels, sixty
-  // layers of [next, next] (2^60 nodes) and a loop. None is an archive.
+  // Lists a tree-building parser would choke on: over a million levels (more
+  // objects than the reader remembers), sixty layers of [next, next] (2^60
+  // nodes) and a loop. None is an archive.
   const auto layers = handWrittenPlist(61, [](size_t i) {
     return i < 60 ? std::vector<uint32_t>{uint32_t(i + 1), uint32_t(i + 1)}
                   : std::vector<uint32_t>{};
   });
   const auto loop =
       handWrittenPlist(2, [](size_t i) { return std::vector<uint32_t>{uint32_t(1 - i)}; });
-  for (const auto& plist : {handWrittenPlist(1'000'000, next(1'000'000)), layers, loop}) {
+  for (const auto& plist : {handWrittenPlist(1'100'000, next(1'100'000)), layers, loop}) {
     EXPECT_NE(std::string::npos, failureOf(plist).find("top level is no dictionary"));
   }
 
