@@ -15,13 +15,16 @@ void LMFoundNumber::encodeWithCoder(LMKeyedEncoder& coder) const {
   LMFoundElement::encodeWithCoder(coder);
   coder.encodeInt64(u"value", integerValue_);
   coder.encodeObject(u"numberString", lmOptionalText(numberString_));
-  coder.encodeObject(u"debugInfo", debugInfo() ? LMValue(*debugInfo()) : LMValue());
+  if (debugInfo())
+    coder.encodeDictionary(u"debugInfo", *debugInfo());
+  else
+    coder.encodeObject(u"debugInfo", LMValue());
 }
 
 void LMFoundNumber::initWithCoder(const LMKeyedDecoder& coder) {
   LMFoundElement::initWithCoder(coder);
   integerValue_ = coder.decodeInt64(u"value");
   setNumberString(lmTextFromObject(coder.decodeObject(u"numberString")));
-  const LMValue debug = coder.decodeObject(u"debugInfo");
-  if (const LMDictionary* d = debug.asDictionary()) setDebugInfo(*d);
+  LMValue debug = coder.decodeObject(u"debugInfo");
+  if (LMDictionary* d = debug.asDictionary()) setDebugInfo(std::move(*d));
 }

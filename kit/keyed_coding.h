@@ -15,6 +15,11 @@ class LMKeyedEncoder {
   virtual void encodeRect(std::u16string_view key, const LMRect& rect) = 0;
   // Any value of the tree; nil is written as the archive's null reference.
   virtual void encodeObject(std::u16string_view key, const LMValue& value) = 0;
+  // A dictionary as encodeObject writes it, for coders that can write one
+  // without the copy into a value; the default makes the copy.
+  virtual void encodeDictionary(std::u16string_view key, const LMDictionary& value) {
+    encodeObject(key, LMValue(value));
+  }
 };
 
 class LMKeyedDecoder {

@@ -395,6 +395,7 @@ class ElementEncoder final : public LMKeyedEncoder {
   void encodeInt64(std::u16string_view key, int64_t value) override;
   void encodeRect(std::u16string_view key, const LMRect& rect) override;
   void encodeObject(std::u16string_view key, const LMValue& value) override;
+  void encodeDictionary(std::u16string_view key, const LMDictionary& value) override;
 
  private:
   ArchiveWriter& writer_;
@@ -694,6 +695,10 @@ void ElementEncoder::encodeRect(std::u16string_view key, const LMRect& rect) {
 
 void ElementEncoder::encodeObject(std::u16string_view key, const LMValue& value) {
   writer_.set(dict_, key, writer_.plist_.uid(writer_.encode(value)));
+}
+
+void ElementEncoder::encodeDictionary(std::u16string_view key, const LMDictionary& value) {
+  writer_.set(dict_, key, writer_.plist_.uid(writer_.dictionary(value)));
 }
 
 // ------------------------------------------------ binary property-list reader
