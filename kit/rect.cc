@@ -4,16 +4,21 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <string_view>
 
 namespace {
 
-std::u16string numberText(double d) {
-  if (std::isinf(d)) return d > 0 ? u"inf" : u"-inf";
-  if (std::isnan(d)) return u"nan";
-  char buffer[64];
-  auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, d);
-  if (ec != std::errc()) return u"0";
-  return std::u16string(buffer, end);
+// Writes `d` at `p` the way rectangles show their numbers ("12.5", "inf",
+// "nan"); returns the end. `p` must have room for 32 characters.
+char* putNumber(char* p, double d) {
+  auto put = [&p](std::string_view s) {
+    for (char c : s) *p++ = c;
+    return p;
+  };
+  if (std::isinf(d)) return put(d > 0 ? "inf" : "-inf");
+  if (std::isnan(d)) return put("nan");
+  auto [end, ec] = std::to_chars(p, p + 32, d);
+  return ec == std::errc() ? end : put("0");
 }
 
 }  // namespace
@@ -81,8 +86,22 @@ LMRect lmRectUnion(const LMRect& a, const LMRect& b) {
 }
 
 std::u16string lmStringFromRect(const LMRect& r) {
-  return u"{{" + numberText(r.x) + u", " + numberText(r.y) + u"}, {" + numberText(r.width) +
-         u", " + numberText(r.height) + u"}}";
+  // Built in one buffer: rectangles are written for every line of every page.
+  char buffer[4 * 32 + 16];
+  char* p = buffer;
+  auto put = [&p](std::string_view s) {
+    for (char c : s) *p++ = c;
+  };
+  put("{{");
+  p = putNumber(p, r.x);
+  put(", ");
+  p = putNumber(p, r.y);
+  put("}, {");
+  p = putNumber(p, r.width);
+  put(", ");
+  p = putNumber(p, r.height);
+  put("}}");
+  return std::u16string(buffer, p);
 }
 
 std::u16string lmStringFromRange(const LMTextRange& r) {
