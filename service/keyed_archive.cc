@@ -1349,42 +1349,54 @@ class ArchiveReader {
     const PlistNode attributesRef = field(node, "NSAttributes");
     const PlistNode infoRef = field(node, "NSAttributeInfo");
     if (length == 0 || attributesRef.type == PlistType::kNone) return result;
-    const LMValue attributes = reference(attributesRef, "NSAttributes");
+    LMValue attributes = reference(attributesRef, "NSAttributes");
     if (infoRef.type == PlistType::kNone) {
-      const LMDictionary* all = attributes.asDictionary();
+      LMDictionary* all = attributes.asDictionary();
       if (!all) fail("NSAttributes without NSAttributeInfo is not a dictionary");
-      if (!all->empty()) result.runs.push_back({LMTextRange::make(0, length), *all});
+      if (!all->empty()) result.runs.push_back({LMTextRange::make(0, length), std::move(*all)});
       return result;
     }
     const LMValue info = infoRef.type == PlistType::kData ? plainValue(infoRef)
                                                            : reference(infoRef, "NSAttributeInfo");
-    const LMData* runs = info.asData();
-    const LMArray* slots = attributes.asArray();
-    if (!runs) fail("NSAttributeInfo is not data");
+    const LMData* varints = info.asData();
+    LMArray* slots = attributes.asArray();
+    if (!varints) fail("NSAttributeInfo is not data");
     if (!slots) fail("NSAttributes with NSAttributeInfo is not an array");
-    std::vector<uint64_t> weights;
     for (const LMValue& slot : *slots) {
       if (!slot.asDictionary()) fail("NSAttributes holds something other than dictionaries");
-      weights.push_back(weight(slot));
     }
-    // Decoding the array paid for each dictionary once; copies beyond one a
-    // slot cost again.
-    std::vector<bool> used(slots->size());
+    // The runs first, to know each slot's last use: that one takes the
+    // dictionary, the others copy it.
+    struct Run {
+      LMTextRange range;
+      uint64_t slot;
+    };
+    std::vector<Run> runs;
+    std::vector<size_t> lastUse(slots->size(), SIZE_MAX);
     size_t pos = 0;
     for (uint64_t at = 0; at < length;) {
       uint64_t runLength = 0;
       uint64_t slot = 0;
-      if (!readVarint(*runs, pos, runLength) || !readVarint(*runs, pos, slot))
+      if (!readVarint(*varints, pos, runLength) || !readVarint(*varints, pos, slot))
         fail("NSAttributeInfo ends before the text does");
       if (slot >= slots->size())
         fail("NSAttributeInfo names attributes " + number(slot) + " of " + number(slots->size()));
       if (runLength > length - at) fail("attribute runs pass the end of the text");
       if (runLength > 0) {
-        if (used[slot]) spend(weights[slot]);
-        used[slot] = true;
-        result.runs.push_back({LMTextRange::make(at, runLength), *(*slots)[slot].asDictionary()});
+        // Decoding the array paid for each dictionary once; copies beyond
+        // one a slot cost again.
+        if (lastUse[slot] != SIZE_MAX) spend(weight((*slots)[slot]));
+        lastUse[slot] = runs.size();
+        runs.push_back({LMTextRange::make(at, runLength), slot});
       }
       at += runLength;
+    }
+    result.runs.reserve(runs.size());
+    for (size_t i = 0; i < runs.size(); ++i) {
+      LMDictionary& attributesOfRun = *(*slots)[runs[i].slot].asDictionary();
+      result.runs.push_back({runs[i].range, lastUse[runs[i].slot] == i
+                                                ? std::move(attributesOfRun)
+                                                : LMDictionary(attributesOfRun)});
     }
     return result;
   }
