@@ -368,7 +368,8 @@ LMServer::Outgoing LMServer::errorReply(const char16_t* message) {
                   lmErrorPayload(LMXPCError{kLMErrorDomain, kLMErrorCode, message})};
 }
 
-std::optional<LMServer::Outgoing> LMServer::answer(int fd) {
+std::optional<LMServer::Outgoing> LMServer::answer(Call& call) {
+  const int fd = call.fd;
   ucred peer{};
   socklen_t size = sizeof peer;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid != geteuid() &&
@@ -427,16 +428,25 @@ std::optional<LMServer::Outgoing> LMServer::answer(int fd) {
   }
   std::vector<uint8_t>().swap(frame.payload);
 
-  LMXPCReply reply;
-  factory_()->performWithObject(std::move(request),
-                                [&reply](LMXPCReply r) { reply = std::move(r); });
-  if (reply.error) {
-    return Outgoing{kLMFrameError, lmErrorPayload(*reply.error)};
-  }
+  // As a platform reply block sends its message when called, the reply
+  // leaves the moment the worker gives it; what the worker still has to
+  // release (the document, its findings, the request) goes while the client
+  // reads the reply, and the log line of the finished task follows it.
+  factory_()->performWithObject(std::move(request), [this, &call](LMXPCReply answered) {
+    reply(call, outgoingFor(std::move(answered)));
+  });
+  // The runtime always answers; only making the frame can have failed (the
+  // runtime logged why).
+  if (!call.replied) return errorReply(u"Internal error");
+  return std::nullopt;
+}
+
+LMServer::Outgoing LMServer::outgoingFor(LMXPCReply answered) {
+  if (answered.error) return Outgoing{kLMFrameError, lmErrorPayload(*answered.error)};
   Outgoing out;
-  if (reply.result) {
+  if (answered.result) {
     std::string why;
-    if (auto archived = lxDataSerialize(*reply.result, &why)) {
+    if (auto archived = lxDataSerialize(*answered.result, &why)) {
       out.payload = std::move(*archived);
     } else {
       // The client gets no bytes and no error.
@@ -450,12 +460,29 @@ std::optional<LMServer::Outgoing> LMServer::answer(int fd) {
   return out;
 }
 
+void LMServer::reply(Call& call, const Outgoing& out) {
+  if (call.replied) return;
+  call.replied = true;
+  // A reply this small fits the fresh socket's buffer, so sending it does not
+  // wait for the client: this thread counts as finishing from here on, and
+  // the client's next call, which may come before the thread is back, waits
+  // for it rather than for a new, cold thread.
+  if (out.payload.size() <= kQuickReplyBytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++finishing_;
+    call.finishing = true;
+  }
+  std::string why;
+  if (!lmWriteFrame(call.fd, out.kind, out.payload, Clock::now() + options_.ioTimeout, &why)) {
+    lmLogf("!!! Reply not delivered: %s", why.c_str());
+  }
+}
+
 bool LMServer::serveConnection(int fd) {
-  // Everything of the call is gone before the reply leaves: once the client
-  // has it, it may call again, and this thread should be free to take it.
+  Call call{fd};
   std::optional<Outgoing> out;
   try {
-    out = answer(fd);
+    out = answer(call);
   } catch (...) {
     out.reset();
     // Even logging may fail here (no memory); nothing may leave this function.
@@ -471,22 +498,10 @@ bool LMServer::serveConnection(int fd) {
     } catch (...) {
     }
   }
-  // A reply this small fits the fresh socket's buffer, so sending it does not
-  // wait for the client: this thread counts as free from here on, and the
-  // client's next call, which may come before it is back, waits for it rather
-  // than for a new, cold thread.
-  const bool finishing = out && out->payload.size() <= kQuickReplyBytes;
-  if (finishing) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++finishing_;
-  }
   try {
-    std::string why;
-    if (out && !lmWriteFrame(fd, out->kind, out->payload, Clock::now() + options_.ioTimeout, &why)) {
-      lmLogf("!!! Reply not delivered: %s", why.c_str());
-    }
+    if (out) reply(call, *out);
   } catch (...) {
   }
   close(fd);
-  return finishing;
+  return call.finishing;
 }

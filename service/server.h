@@ -116,9 +116,21 @@ class LMServer {
 
   // What goes back on one connection.
   struct Outgoing;
-  // The reply for the connection `fd`, nullopt when none can or should be sent.
-  std::optional<Outgoing> answer(int fd);
+  // One connection's call.
+  struct Call {
+    int fd;
+    bool replied = false;    // the reply frame went out (or failed to)
+    bool finishing = false;  // counted in finishing_
+  };
+  // Reads the request of `call` and runs the worker, whose reply is sent the
+  // moment the worker gives it; returns a refusal to send instead when the
+  // request never reached a worker, nullopt when nothing is to be sent.
+  std::optional<Outgoing> answer(Call& call);
+  // Sends the one reply frame of `call`.
+  void reply(Call& call, const Outgoing& out);
   static Outgoing errorReply(const char16_t* message);
+  // The reply frame for what a worker answered.
+  static Outgoing outgoingFor(LMXPCReply reply);
   // Hands an accepted connection to the most recently idle thread, to a
   // thread about to be free, or to a new thread.
   void dispatch(int fd);
