@@ -1045,7 +1045,8 @@ class ArchiveReader {
 
   template <typename Key>
   PlistNode field(const PlistNode& dict, Key key) const {
-    if (!open_.empty() && open_.back().payload == dict.payload && dict.type == PlistType::kDict) {
+    if (!open_.empty() && open_.back().payload == dict.payload &&
+        open_.back().count == dict.count && dict.type == PlistType::kDict) {
       const OpenObject& o = open_.back();
       for (uint64_t i = 0; i < o.count; ++i) {
         if (PlistReader::textEquals(openKeys_[o.firstKey + i], key))
