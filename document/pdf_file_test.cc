@@ -440,18 +440,6 @@ TEST(PdfFileTest, RepairedFileIsReadAndReportedOnceInTheLog) {
   }
 }
 
-TEST(PdfFileTest, PageIndexOutOfRangeGivesNull) {
-  auto file = openFixture("pdf/two_pages.pdf");
-  ASSERT_TRUE(file);
-  for (int64_t index : {int64_t{-1}, int64_t{2}, std::numeric_limits<int64_t>::max(),
-                        std::numeric_limits<int64_t>::min()}) {
-    SCOPED_TRACE(index);
-    EXPECT_FALSE(file->pageAtIndex(index));
-  }
-  // Pages are made once.
-  EXPECT_EQ(file->pageAtIndex(1), file->pageAtIndex(1));
-}
-
 TEST(PdfFileTest, PagesOutliveTheirFileAndBytes) {
   std::shared_ptr<const LMPdfFilePage> page;
   {

@@ -60,14 +60,6 @@ TEST(FoundElementTest, NormalizedDistanceBands) {
   }
 }
 
-TEST(FoundElementTest, FreshElementJsonIsAllZero) {
-  LMFoundElement e;
-  EXPECT_EQ(u"{\"page\":0,\"pageBox\":{\"x\":0.0,\"y\":0.0,\"w\":0.0,\"h\":0.0},"
-            u"\"bbox\":{\"x\":0.0,\"y\":0.0,\"w\":0.0,\"h\":0.0},\"ocr\":false,\"bold\":false,"
-            u"\"fontSize\":0.0,\"letter\":false,\"landscape\":false}",
-            e.jsonObject().toJSON().value());
-}
-
 TEST(FoundElementTest, ArchiveKeepsOnlyItsKeys) {
   auto e = std::make_shared<LMFoundElement>();
   e->setPage(2);

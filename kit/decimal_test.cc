@@ -52,13 +52,6 @@ TEST(DecimalTest, RejectsMalformedText) {
   }
 }
 
-TEST(DecimalTest, ParsesUtf16) {
-  EXPECT_EQ(LMDecimal::fromString(std::u16string_view(u"-12.50")), dec("-12.5"));
-  EXPECT_FALSE(LMDecimal::fromString(std::u16string_view(u"\uFF11")).has_value());
-  EXPECT_FALSE(LMDecimal::fromString(std::u16string_view(u"1\u0660")).has_value());
-  EXPECT_EQ(dec("-3.05").stringValue16(), u"-3.05");
-}
-
 TEST(DecimalTest, KeepsValuesCompact) {
   const struct {
     LMDecimal value;
@@ -283,15 +276,6 @@ TEST(DecimalTest, RoundsToNearestFiveHundredths) {
     SCOPED_TRACE(c.value);
     EXPECT_EQ(dec(c.value).decimalNumberByRoundingToCHF().stringValue(), c.rounded);
   }
-}
-
-TEST(DecimalTest, IsTrueOnlyForNonZeroNumbers) {
-  EXPECT_FALSE(LMDecimal::notANumber().isTrue());
-  EXPECT_FALSE(LMDecimal::zero().isTrue());
-  EXPECT_FALSE(LMDecimal::notANumber().isZero());
-  EXPECT_TRUE(dec("0.01").isTrue());
-  EXPECT_TRUE(dec("-1").isTrue());
-  EXPECT_TRUE(LMDecimal::one().isTrue());
 }
 
 TEST(DecimalTest, ConvertsToNearestDouble) {

@@ -125,14 +125,6 @@ TEST(DictionaryTest, KeepsInsertionOrderAndReplacesInPlace) {
   EXPECT_EQ(u"k20", d.entries().back().key);
 }
 
-TEST(DictionaryTest, IncrementCounterStartsFromTheKeysIntegerValue) {
-  LMDictionary counts{{u"EUR", u"2"}};
-  EXPECT_EQ(3, counts.incrementCounterForKey(u"EUR"));
-  EXPECT_EQ(1, counts.incrementCounterForKey(u"USD"));
-  EXPECT_EQ(2, counts.incrementCounterForKey(u"USD"));
-  EXPECT_EQ(LMValue(3), counts.at(u"EUR"));
-}
-
 TEST(ArrayTest, HelpersSortJoinMapAndFilter) {
   LMArray a{3, LMDecimal::fromString("2.5").value(), 1.5, 10};
   LMArray sorted = lmSorted(a);

@@ -83,26 +83,6 @@ TEST(RegexTest, NameBeyondCompiledGroupsIsUnknown) {
   EXPECT_FALSE(match->rangeForGroupName(u"n").found());
 }
 
-TEST(RegexTest, ResultHelpersCutRangesOutOfText) {
-  const LMRegex regex(u"x");
-  const LMRegexMatch match(regex, u"abcdef",
-                           {LMTextRange::make(1, 3), LMTextRange{}, LMTextRange::make(4, 2),
-                            LMTextRange::make(5, 9)});
-  const std::u16string text = u"abcdef";
-  EXPECT_EQ(lmUtf8(match.inString(text)), "bcd");
-  struct Case {
-    uint64_t index;
-    std::string expected;
-  };
-  const Case cases[] = {{0, "bcd"}, {1, ""}, {2, "ef"}, {3, ""}, {4, "<nullopt>"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.index);
-    EXPECT_EQ(utf8(match.inString(text, c.index)), c.expected);
-  }
-  EXPECT_THAT(match.groupsInString(text), ElementsAre(u"bcd", u"", u"ef", u""));
-  EXPECT_EQ(lmUtf8(match.inString(u"ab")), "");  // range beyond the text
-}
-
 TEST(RegexTest, CachesByPatternAndOptions) {
   const std::u16string pattern = u"cache-(?<n>\\d)";
   const auto first = LMRegex::regexWithPattern(pattern, 19, true);
@@ -207,18 +187,6 @@ TEST(RegexTest, RangesCountUtf16Units) {
     ranges.push_back(match.rangeForGroupName(u"n"));
   });
   EXPECT_THAT(ranges, ElementsAre(LMTextRange::make(3, 2), LMTextRange::make(8, 3)));
-}
-
-TEST(RegexTest, StopEndsEnumeration) {
-  const LMRegex regex(u"\\d+");
-  const std::u16string text = u"1 2 3";
-  std::vector<std::u16string> seen;
-  regex.enumerateMatchesInString(text, 0, [&](const LMRegexMatch& match, bool* stop) {
-    seen.push_back(match.stringValue());
-    *stop = true;
-  });
-  EXPECT_THAT(seen, ElementsAre(u"1"));
-  EXPECT_EQ(regex.numberOfMatchesInString(text), 3u);
 }
 
 TEST(RegexTest, EmptyTextAndEmptyMatches) {

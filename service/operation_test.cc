@@ -26,16 +26,6 @@ class OperationTest : public testing::Test {
 // Gives another thread a chance to run, so that overlapping work would show.
 void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
 
-TEST_F(OperationTest, AddBlockReturnsTheOperationItsClosureReceives) {
-  LMOperationQueue queue;
-  std::promise<LMOperation*> received;
-  auto operation = queue.addBlock([&](LMOperation& op) { received.set_value(&op); });
-  EXPECT_EQ(operation.get(), received.get_future().get());
-  operation->waitUntilFinished();
-  EXPECT_TRUE(operation->isFinished());
-  EXPECT_FALSE(operation->isExecuting());
-}
-
 TEST_F(OperationTest, CancelledOperationsFinishWithoutRunningTheirWork) {
   struct Case {
     const char* name;
