@@ -290,13 +290,17 @@ void LMServer::serve(LMListener& listener) {
 }
 
 void LMServer::dispatch(int fd) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::unique_lock<std::mutex> lock(mutex_);
   ++active_;
   // The thread that was busy last is warmest (caches, its memory arena).
   if (!idle_.empty()) {
     Slot* slot = idle_.back();
     idle_.pop_back();
     slot->fd = fd;
+    // Woken after the lock is released, the thread does not wake only to
+    // wait for the lock again. The slot outlives this: its thread ends only
+    // after endThreads(), which runs on this thread.
+    lock.unlock();
     slot->wakeUp.notify_one();
     return;
   }
