@@ -218,21 +218,18 @@ class BinaryPlist {
     }
     if (auto found = texts_.find(hash, [&](uint32_t node) { return holds(node, raw); }))
       return *found;
-    const uint32_t node = ascii ? add(kAscii, 0, bytes_.size(), raw.size())
-                                : add(kUtf16, 0, units_.size(), raw.size());
-    if (ascii)
-      bytes_.insert(bytes_.end(), raw.begin(), raw.end());
-    else
-      units_ += raw;
+    // Kept as units either way, so that a lookup compares memory; ASCII is
+    // narrowed to bytes when written.
+    const uint32_t node = add(ascii ? kAscii : kUtf16, 0, units_.size(), raw.size());
+    units_ += raw;
     texts_.insert(hash, node);
     return node;
   }
   // Whether the text node `node` holds `text` (as stored: carriable).
   bool holds(uint32_t node, std::u16string_view text) const {
     const Node& n = nodes_[node];
-    if (n.count != text.size()) return false;
-    if (n.type == kUtf16) return std::u16string_view(units_).substr(n.first, n.count) == text;
-    return n.type == kAscii && std::equal(text.begin(), text.end(), bytes_.begin() + n.first);
+    return (n.type == kAscii || n.type == kUtf16) && n.count == text.size() &&
+           std::memcmp(units_.data() + n.first, text.data(), text.size() * sizeof(char16_t)) == 0;
   }
   uint32_t integer(int64_t n) { return unique(integers_, kInteger, static_cast<uint64_t>(n)); }
   uint32_t real(double d) { return unique(reals_, kReal, std::bit_cast<uint64_t>(d)); }
@@ -277,6 +274,23 @@ class BinaryPlist {
     auto bigEndian = [&](uint64_t v, int size) {
       for (int i = size - 1; i >= 0; --i) *w++ = static_cast<uint8_t>(v >> (8 * i));
     };
+    // Runs of references and offsets, at the one width the list uses.
+    auto bigEndianAll = [&](const auto* values, size_t count, int size) {
+      switch (size) {
+        case 1:
+          for (size_t i = 0; i < count; ++i) *w++ = static_cast<uint8_t>(values[i]);
+          break;
+        case 2:
+          for (size_t i = 0; i < count; ++i) {
+            w[0] = static_cast<uint8_t>(values[i] >> 8);
+            w[1] = static_cast<uint8_t>(values[i]);
+            w += 2;
+          }
+          break;
+        default:
+          for (size_t i = 0; i < count; ++i) bigEndian(values[i], size);
+      }
+    };
     auto marker = [&](uint8_t type, uint64_t count) {
       if (count < 15) {
         *w++ = static_cast<uint8_t>(type | count);
@@ -312,27 +326,28 @@ class BinaryPlist {
           bigEndian(n.value, width(n.value));
           break;
         case kData:
-        case kAscii:
-          marker(n.type == kData ? 0x40 : 0x50, n.count);
+          marker(0x40, n.count);
           if (n.count) std::memcpy(w, bytes_.data() + n.first, n.count);
           w += n.count;
           break;
+        case kAscii:
+          marker(0x50, n.count);
+          bigEndianAll(units_.data() + n.first, n.count, 1);
+          break;
         case kUtf16:
           marker(0x60, n.count);
-          for (size_t u = 0; u < n.count; ++u) bigEndian(units_[n.first + u], 2);
+          bigEndianAll(units_.data() + n.first, n.count, 2);
           break;
         case kArray:
-        case kDict: {
+        case kDict:
           marker(n.type == kArray ? 0xA0 : 0xD0, n.count);
-          const size_t refs = n.type == kArray ? n.count : 2 * n.count;
-          for (size_t r = 0; r < refs; ++r) bigEndian(refs_[n.first + r], refSize);
+          bigEndianAll(refs_.data() + n.first, n.type == kArray ? n.count : 2 * n.count, refSize);
           break;
-        }
       }
     }
     const uint64_t table = static_cast<uint64_t>(w - out.data());
     const int offsetSize = width(table);
-    for (uint64_t offset : offsets) bigEndian(offset, offsetSize);
+    bigEndianAll(offsets.data(), offsets.size(), offsetSize);
     std::memset(w, 0, 6);
     w += 6;
     *w++ = static_cast<uint8_t>(offsetSize);
@@ -877,10 +892,15 @@ class PlistReader {
   template <typename Key>
   static bool textEquals(const PlistNode& n, Key key) {
     if (!isText(n) || n.count != key.size()) return false;
+    if (n.type == PlistType::kAscii) {
+      if constexpr (std::is_same_v<Key, std::string_view>)
+        return std::memcmp(n.payload, key.data(), key.size()) == 0;
+      for (size_t i = 0; i < key.size(); ++i)
+        if (n.payload[i] != static_cast<uint32_t>(key[i])) return false;
+      return true;
+    }
     for (size_t i = 0; i < key.size(); ++i) {
-      const uint32_t unit = n.type == PlistType::kAscii
-                                ? n.payload[i]
-                                : uint32_t{n.payload[2 * i]} << 8 | n.payload[2 * i + 1];
+      const uint32_t unit = uint32_t{n.payload[2 * i]} << 8 | n.payload[2 * i + 1];
       if (unit != static_cast<uint32_t>(key[i])) return false;
     }
     return true;
@@ -891,21 +911,19 @@ class PlistReader {
   // become U+FFFD, one unit for one, as the writer does. Bytes above 0x7F in
   // an ASCII text are read as UTF-8.
   static std::u16string text(const PlistNode& n) {
-    std::u16string out;
     if (n.type == PlistType::kAscii) {
-      out.resize(n.count);
+      const uint8_t* bytes = n.payload;
       uint8_t high = 0;
       bool zero = false;
       for (uint64_t i = 0; i < n.count; ++i) {
-        const uint8_t c = n.payload[i];
-        high |= c;
-        zero |= c == 0;
-        out[i] = c;
+        high |= bytes[i];
+        zero |= bytes[i] == 0;
       }
       if (zero) fail("a property-list text holds U+0000");
-      if (high & 0x80) return lmUtf16(std::string_view(reinterpret_cast<const char*>(n.payload), n.count));
-      return out;
+      if (high & 0x80) return lmUtf16(std::string_view(reinterpret_cast<const char*>(bytes), n.count));
+      return std::u16string(bytes, bytes + n.count);  // one unit a byte, no zero fill first
     }
+    std::u16string out;
     if (n.type != PlistType::kUtf16) return out;
     out.resize(n.count);
     for (uint64_t i = 0; i < n.count; ++i) {
