@@ -229,7 +229,8 @@ class BinaryPlist {
   bool holds(uint32_t node, std::u16string_view text) const {
     const Node& n = nodes_[node];
     return (n.type == kAscii || n.type == kUtf16) && n.count == text.size() &&
-           std::memcmp(units_.data() + n.first, text.data(), text.size() * sizeof(char16_t)) == 0;
+           (text.empty() ||
+            std::memcmp(units_.data() + n.first, text.data(), text.size() * sizeof(char16_t)) == 0);
   }
   uint32_t integer(int64_t n) { return unique(integers_, kInteger, static_cast<uint64_t>(n)); }
   uint32_t real(double d) { return unique(reals_, kReal, std::bit_cast<uint64_t>(d)); }
@@ -894,7 +895,7 @@ class PlistReader {
     if (!isText(n) || n.count != key.size()) return false;
     if (n.type == PlistType::kAscii) {
       if constexpr (std::is_same_v<Key, std::string_view>)
-        return std::memcmp(n.payload, key.data(), key.size()) == 0;
+        return key.empty() || std::memcmp(n.payload, key.data(), key.size()) == 0;
       for (size_t i = 0; i < key.size(); ++i)
         if (n.payload[i] != static_cast<uint32_t>(key[i])) return false;
       return true;
