@@ -8,17 +8,16 @@
 
 namespace {
 
+// Copies `s` to `p`; returns the end.
+char* putText(char* p, std::string_view s) { return std::copy(s.begin(), s.end(), p); }
+
 // Writes `d` at `p` the way rectangles show their numbers ("12.5", "inf",
 // "nan"); returns the end. `p` must have room for 32 characters.
 char* putNumber(char* p, double d) {
-  auto put = [&p](std::string_view s) {
-    for (char c : s) *p++ = c;
-    return p;
-  };
-  if (std::isinf(d)) return put(d > 0 ? "inf" : "-inf");
-  if (std::isnan(d)) return put("nan");
+  if (std::isinf(d)) return putText(p, d > 0 ? "inf" : "-inf");
+  if (std::isnan(d)) return putText(p, "nan");
   auto [end, ec] = std::to_chars(p, p + 32, d);
-  return ec == std::errc() ? end : put("0");
+  return ec == std::errc() ? end : putText(p, "0");
 }
 
 }  // namespace
@@ -88,19 +87,11 @@ LMRect lmRectUnion(const LMRect& a, const LMRect& b) {
 std::u16string lmStringFromRect(const LMRect& r) {
   // Built in one buffer: rectangles are written for every line of every page.
   char buffer[4 * 32 + 16];
-  char* p = buffer;
-  auto put = [&p](std::string_view s) {
-    for (char c : s) *p++ = c;
-  };
-  put("{{");
-  p = putNumber(p, r.x);
-  put(", ");
-  p = putNumber(p, r.y);
-  put("}, {");
-  p = putNumber(p, r.width);
-  put(", ");
-  p = putNumber(p, r.height);
-  put("}}");
+  char* p = putText(buffer, "{{");
+  p = putText(putNumber(p, r.x), ", ");
+  p = putText(putNumber(p, r.y), "}, {");
+  p = putText(putNumber(p, r.width), ", ");
+  p = putText(putNumber(p, r.height), "}}");
   return std::u16string(buffer, p);
 }
 

@@ -284,15 +284,11 @@ LMDictionary::LMDictionary(std::initializer_list<LMDictionaryEntry> entries) {
   for (const auto& e : entries) set(e.key, e.value);
 }
 LMDictionary::LMDictionary(const LMDictionary& other) : entries_(other.entries_) {
-  if (other.index_) index_ = std::make_unique<std::unordered_map<std::u16string, size_t>>(*other.index_);
+  if (other.index_) index_ = std::make_unique<Index>(*other.index_);
 }
 LMDictionary::LMDictionary(LMDictionary&&) noexcept = default;
 LMDictionary& LMDictionary::operator=(const LMDictionary& other) {
-  if (this != &other) {
-    entries_ = other.entries_;
-    index_.reset();
-    if (other.index_) index_ = std::make_unique<std::unordered_map<std::u16string, size_t>>(*other.index_);
-  }
+  if (this != &other) *this = LMDictionary(other);
   return *this;
 }
 LMDictionary& LMDictionary::operator=(LMDictionary&&) noexcept = default;
@@ -316,7 +312,7 @@ std::optional<size_t> LMDictionary::position(std::u16string_view key) const {
 void LMDictionary::rebuildIndex() {
   index_.reset();
   if (entries_.size() <= kIndexThreshold) return;
-  index_ = std::make_unique<std::unordered_map<std::u16string, size_t>>();
+  index_ = std::make_unique<Index>();
   for (size_t i = 0; i < entries_.size(); ++i) index_->emplace(entries_[i].key, i);
 }
 
@@ -349,23 +345,22 @@ void LMDictionary::emplace(std::u16string key, LMValue value) {
     entries_[*p].value = std::move(value);
     return;
   }
+  append(std::move(key), std::move(value));
+}
+
+LMValue& LMDictionary::append(std::u16string key, LMValue value) {
   entries_.push_back(LMDictionaryEntry{std::move(key), std::move(value)});
   if (index_) {
     index_->emplace(entries_.back().key, entries_.size() - 1);
   } else if (entries_.size() > kIndexThreshold) {
     rebuildIndex();
   }
+  return entries_.back().value;
 }
 
 LMValue& LMDictionary::operator[](std::u16string_view key) {
   if (auto p = position(key)) return entries_[*p].value;
-  entries_.push_back(LMDictionaryEntry{std::u16string(key), LMValue()});
-  if (index_) {
-    index_->emplace(entries_.back().key, entries_.size() - 1);
-  } else if (entries_.size() > kIndexThreshold) {
-    rebuildIndex();
-  }
-  return entries_.back().value;
+  return append(std::u16string(key), LMValue());
 }
 
 bool LMDictionary::remove(std::u16string_view key) {

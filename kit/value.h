@@ -91,13 +91,16 @@ class LMDictionary {
   // index is kept up to date on every change, never built lazily, so that
   // concurrent reads of a shared table stay reads.
   static constexpr size_t kIndexThreshold = 32;
+  using Index = std::unordered_map<std::u16string, size_t>;
   std::optional<size_t> position(std::u16string_view key) const;
+  // Adds a key known to be absent; returns its value.
+  LMValue& append(std::u16string key, LMValue value);
   void rebuildIndex();
 
   std::vector<LMDictionaryEntry> entries_;
   // Null until the dictionary outgrows kIndexThreshold; kept small because
   // every found element carries several dictionaries.
-  std::unique_ptr<std::unordered_map<std::u16string, size_t>> index_;
+  std::unique_ptr<Index> index_;
 };
 
 // One run of attributes over a range of an attributed text.
