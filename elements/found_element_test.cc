@@ -1,41 +1,12 @@
 #include <gtest/gtest.h>
 #include <unicode/timezone.h>
 
-#include <map>
-
 #include "elements/found_date.h"
 #include "elements/found_element.h"
 #include "elements/found_number.h"
 #include "elements/found_term.h"
 
 namespace {
-
-// An archive kept in memory: what an element writes is what it reads back.
-class MemoryCoder : public LMKeyedEncoder, public LMKeyedDecoder {
- public:
-  void encodeInt64(std::u16string_view key, int64_t value) override { values_.set(key, value); }
-  void encodeRect(std::u16string_view key, const LMRect& rect) override {
-    values_.set(key, lmStringFromRect(rect));
-    rects_[std::u16string(key)] = rect;
-  }
-  void encodeObject(std::u16string_view key, const LMValue& value) override {
-    values_.set(key, value);
-  }
-  bool containsValueForKey(std::u16string_view key) const override {
-    return values_.contains(key);
-  }
-  int64_t decodeInt64(std::u16string_view key) const override { return values_.at(key).toInt(); }
-  LMRect decodeRect(std::u16string_view key) const override {
-    auto it = rects_.find(std::u16string(key));
-    return it == rects_.end() ? LMRect::zero() : it->second;
-  }
-  LMValue decodeObject(std::u16string_view key) const override { return values_.at(key); }
-  const LMDictionary& values() const { return values_; }
-
- private:
-  LMDictionary values_;
-  std::map<std::u16string, LMRect> rects_;
-};
 
 TEST(FoundElementTest, NormalizedDistanceBands) {
   struct Case {
@@ -58,39 +29,6 @@ TEST(FoundElementTest, NormalizedDistanceBands) {
     e.setPageBox(c.page);
     EXPECT_NEAR(c.expected, e.normalizedDistanceToRect(c.other), 1e-9);
   }
-}
-
-TEST(FoundElementTest, ArchiveKeepsOnlyItsKeys) {
-  auto e = std::make_shared<LMFoundElement>();
-  e->setPage(2);
-  e->setPageBox({0, 0, 595, 842});
-  e->setBbox({10, 20, 30, 40});
-  e->setUserInfo(LMDictionary{{u"a", 1}});
-  e->setString(u"EUR");
-  e->setKey(u"EUR");
-  e->setRange({5, 3});
-  e->setOcr(true);
-  e->setFontSize(12);
-  e->setDebugInfo(LMDictionary{{u"x", 1}});
-  MemoryCoder coder;
-  e->encodeWithCoder(coder);
-  EXPECT_EQ((std::vector<std::u16string>{u"page", u"pageBox", u"bbox", u"userInfo", u"string",
-                                         u"key"}),
-            coder.values().keys());
-  auto restored = lmMakeFoundElement(e->className());
-  ASSERT_TRUE(restored);
-  restored->initWithCoder(coder);
-  EXPECT_EQ(2, restored->page());
-  EXPECT_EQ(e->pageBox(), restored->pageBox());
-  EXPECT_EQ(e->bbox(), restored->bbox());
-  EXPECT_EQ(e->userInfo(), restored->userInfo());
-  EXPECT_EQ(u"EUR", restored->string().value());
-  EXPECT_EQ(u"EUR", restored->key().value());
-  EXPECT_FALSE(restored->range().found());
-  EXPECT_FALSE(restored->isOcr());
-  EXPECT_EQ(0, restored->fontSize());
-  EXPECT_FALSE(restored->debugInfo().has_value());
-  EXPECT_EQ(nullptr, lmMakeFoundElement(u"NSObject"));
 }
 
 TEST(FoundNumberTest, ValueIsAlwaysHundredths) {
@@ -123,22 +61,6 @@ TEST(FoundNumberTest, JsonHasNullsAndTwoPlacesKeys) {
   EXPECT_EQ(u"{\"term\":\"summe\"}", n.jsonObject().at(u"features").toJSON().value());
 }
 
-TEST(FoundNumberTest, ArchiveRestoresValueButNotPlaces) {
-  LMFoundNumber n(1530, 2);
-  n.setNumberString(u"15,30");
-  n.setDebugInfo(LMDictionary{{u"page", 0}});
-  n.setCurrencyCode(u"EUR");
-  MemoryCoder coder;
-  n.encodeWithCoder(coder);
-  auto restored = std::dynamic_pointer_cast<LMFoundNumber>(lmMakeFoundElement(u"LMFoundNumber"));
-  restored->initWithCoder(coder);
-  EXPECT_EQ(1530, restored->integerValue());
-  EXPECT_EQ(u"15,30", restored->numberString().value());
-  EXPECT_EQ(LMValue(LMDictionary{{u"page", 0}}), LMValue(restored->debugInfo().value()));
-  EXPECT_EQ(0u, restored->decimalPlaces());
-  EXPECT_FALSE(restored->currencyCode().has_value());
-}
-
 TEST(FoundDateTest, SortWeightIsComputedOnEveryRead) {
   LMFoundDate d;
   d.setBbox({50, 700, 60, 10});
@@ -153,25 +75,15 @@ TEST(FoundDateTest, SortWeightIsComputedOnEveryRead) {
   EXPECT_EQ(100007000050, d.jsonObject().at(u"sortWeight").toInt());
 }
 
-TEST(FoundDateTest, DescriptionAndArchive) {
+TEST(FoundDateTest, DescriptionIsTheDayInTheCurrentZone) {
   std::unique_ptr<icu::TimeZone> previous(icu::TimeZone::createDefault());
   icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("Europe/Berlin"));
   LMFoundDate d;
   d.setDate(LMDate::fromComponents(2021, 3, 3));
-  d.setDateString(u"03.03.2021");
   EXPECT_EQ(u"2021-03-03", d.description());
-  MemoryCoder coder;
-  d.encodeWithCoder(coder);
-  LMFoundDate restored;
-  restored.initWithCoder(coder);
-  EXPECT_EQ(d.date(), restored.date());
-  EXPECT_EQ(u"03.03.2021", restored.dateString().value());
   icu::TimeZone::adoptDefault(previous.release());
   LMFoundTerm term;
   term.setTermInfo(LMDictionary{{u"key", u"summe"}});
-  MemoryCoder termCoder;
-  term.encodeWithCoder(termCoder);
-  EXPECT_EQ(6u, termCoder.values().size());
   EXPECT_TRUE(term.value().isNil());
 }
 

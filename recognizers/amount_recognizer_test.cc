@@ -107,20 +107,8 @@ TEST(AmountRecognizerTest, ReportsEveryFindingInTextOrderWithItsRange) {
   EXPECT_NE(nullptr, found[2].at(u"amount").asInt());
 }
 
-TEST(AmountRecognizerTest, PatternIsCompiledAsWritten) {
-  EXPECT_EQ(312u, LMReceiptParserAmount::amountPattern().size());
-  const LMRegex& regex = LMReceiptParserAmount::amountRegularExpression();
-  ASSERT_NE(nullptr, regex.compiled());
-  EXPECT_EQ(regex.pattern(), regex.rewrittenPattern());
-  EXPECT_EQ(kLMRegexDefaultOptions, regex.options());
-}
-
 TEST(AmountRecognizerTest, KeepsItsOwnCurrencyTable) {
-  EXPECT_EQ(14u, LMReceiptParserAmount::currencyAliases().size());
-  EXPECT_EQ((std::vector<std::u16string>{u"AUD", u"CHF", u"EUR", u"GBP", u"USD"}),
-            LMReceiptParserAmount::currenciesSupported());
   const LMRegex& regex = LMReceiptParserAmount::currencyRegularExpression();
-  ASSERT_NE(nullptr, regex.compiled());
   // Unlike the currency recognizer's, this table has "£", and a longer alias
   // must not touch any word character, digits included.
   EXPECT_EQ((std::vector<std::u16string>{u"\u00A3", u"EUR", u"Euro"}),

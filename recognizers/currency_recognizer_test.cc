@@ -90,11 +90,4 @@ TEST(CurrencyRecognizerTest, ReportsRangesAndForgetsTheLastSearch) {
   EXPECT_FALSE(recognizer.currencyCode().has_value());
 }
 
-TEST(CurrencyRecognizerTest, TableAndSupportedCodes) {
-  EXPECT_EQ(13u, LMReceiptParserCurrency::currencyTable().size());
-  EXPECT_EQ((std::vector<std::u16string>{u"AUD", u"CHF", u"EUR", u"GBP", u"USD"}),
-            LMReceiptParserCurrency::currenciesSupported());
-  EXPECT_NE(nullptr, LMReceiptParserCurrency::currencyRegularExpression().compiled());
-}
-
 }  // namespace

@@ -136,22 +136,6 @@ TEST(DateRecognizerTest, ReportsEveryDateInTextOrderWithItsRange) {
   EXPECT_EQ(u"2026-11-14", found[0].descriptionDate());
 }
 
-TEST(DateRecognizerTest, ExpressionHasTenFormsAndTheMonthTable) {
-  const LMRegex& regex = LMReceiptParserDate::dateRegularExpression();
-  ASSERT_NE(nullptr, regex.compiled());
-  for (int i = 0; i < LMReceiptParserDate::kNumberOfTemplates; ++i) {
-    SCOPED_TRACE(i);
-    const std::u16string prefix = lmUtf16(std::to_string(i));
-    EXPECT_TRUE(regex.captureIndexForGroupName(prefix));
-    EXPECT_TRUE(regex.captureIndexForGroupName(prefix + u"-DAY"));
-  }
-  const LMDictionary& months = LMReceiptParserDate::monthNames();
-  EXPECT_EQ(10, months.at(u"0kt").toInt());
-  EXPECT_EQ(1, months.at(u"j\u00E4nner").toInt());
-  EXPECT_EQ(12, months.at(u"december").toInt());
-  EXPECT_EQ(u"jan", months.keys().front());
-}
-
 
 std::u16string pageText() {
   const std::filesystem::path path =
