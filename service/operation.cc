@@ -202,8 +202,9 @@ struct LMOperationQueue::State {
           pending.erase(it2);
         }
       }
-      changed.notify_all();
     }
+    // After unlocking, so that woken threads do not block on the mutex.
+    changed.notify_all();
     // `released` may be the last reference; it goes here, outside the lock.
   }
 };
@@ -249,9 +250,11 @@ void LMOperationQueue::addOperation(std::shared_ptr<LMOperation> operation) {
   });
   LMAssert(attached, "An operation can be added once, and only before it is finished");
   if (!attached) return;
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->pending.push_back(std::move(operation));
-  state_->spawnWorkers(state_);
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->pending.push_back(std::move(operation));
+    state_->spawnWorkers(state_);
+  }
   state_->changed.notify_all();
 }
 

@@ -14,12 +14,13 @@ LMXPCError unreachable(std::string_view why) {
   return LMXPCError{kLMErrorDomain, kLMErrorCode, u"Service not reachable: " + lmUtf16(why)};
 }
 
-// One call on its way: sent and answered on a thread of its own.
-struct PendingCall {
-  LMXPC::Transport transport;
+}  // namespace
+
+struct LMXPC::Call {
+  Transport transport;
   std::string serviceName;
   std::vector<uint8_t> request;
-  LMXPC::ReplyBlock block;
+  ReplyBlock block;
 
   void run() {
     LMValue result;
@@ -56,8 +57,6 @@ struct PendingCall {
   }
 };
 
-}  // namespace
-
 std::string lmXPCErrorDescription(const std::optional<LMXPCError>& error) {
   if (!error) return "(null)";
   return "Error Domain=" + lmUtf8(error->domain) + " Code=" + std::to_string(error->code) +
@@ -78,8 +77,10 @@ void LMXPCOperation::concurrentMain() {
     completeOperation();
     return;
   }
+  // This thread was started for this operation alone, so it waits for the
+  // reply itself rather than handing the wait to yet another thread.
   const std::weak_ptr<LMXPCOperation> weakSelf = self;
-  helper->performXPCAsyncWithObject(
+  helper->performXPCWithObjectOnThisThread(
       LMValue(taskInfo_),
       [weakSelf](const LMValue& result, const std::optional<LMXPCError>& error) {
         const auto operation = weakSelf.lock();
@@ -114,7 +115,7 @@ LMXPC::~LMXPC() { operationQueue_.waitUntilAllOperationsAreFinished(); }
 
 void LMXPC::performXPCBoot() { queueCall(LMDictionary{{u"__boot", true}}); }
 
-void LMXPC::performXPCAsyncWithObject(const LMValue& request, ReplyBlock block) {
+std::shared_ptr<LMXPC::Call> LMXPC::archiveCall(const LMValue& request, ReplyBlock block) const {
   LMAssert(!serviceName_.empty());
   std::vector<uint8_t> bytes;
   std::string why;
@@ -123,8 +124,12 @@ void LMXPC::performXPCAsyncWithObject(const LMValue& request, ReplyBlock block) 
   } else {
     lmLogf("lxDataSerialize: %s", why.c_str());
   }
-  auto call = std::make_shared<PendingCall>(
-      PendingCall{transport_, serviceName_, std::move(bytes), std::move(block)});
+  return std::make_shared<Call>(
+      Call{transport_, serviceName_, std::move(bytes), std::move(block)});
+}
+
+void LMXPC::performXPCAsyncWithObject(const LMValue& request, ReplyBlock block) {
+  auto call = archiveCall(request, std::move(block));
   try {
     std::thread([call] { call->run(); }).detach();
   } catch (const std::system_error& e) {
@@ -132,6 +137,10 @@ void LMXPC::performXPCAsyncWithObject(const LMValue& request, ReplyBlock block) 
     // Without a thread there is no call; the caller still gets its one reply.
     call->deliver(LMValue(), unreachable(e.what()));
   }
+}
+
+void LMXPC::performXPCWithObjectOnThisThread(const LMValue& request, ReplyBlock block) {
+  archiveCall(request, std::move(block))->run();
 }
 
 std::shared_ptr<LMXPCOperation> LMXPC::queueCall(LMDictionary request) {

@@ -36,8 +36,9 @@ class LMXPCOperation : public LMOperationConcurrent {
   // LMXPC waits for its queued calls before it goes away).
   explicit LMXPCOperation(LMXPC* xpcHelper);
 
-  // Sends taskInfo through the client; the reply sets taskResult and error
-  // and completes the operation.
+  // Sends taskInfo through the client and waits for the reply on the
+  // operation's own thread; the reply sets taskResult and error and
+  // completes the operation.
   void concurrentMain() override;
   // cleanup(), then cancels.
   void cancel() override;
@@ -109,7 +110,15 @@ class LMXPC {
   void performXPCSynchronousWithObject(const LMDictionary& request, const ReplyBlock& block);
 
  private:
+  friend class LMXPCOperation;
+  // One call on its way, archived: sent and answered by its run().
+  struct Call;
   std::shared_ptr<LMXPCOperation> queueCall(LMDictionary request);
+  // The call of `request`, archived on the calling thread.
+  std::shared_ptr<Call> archiveCall(const LMValue& request, ReplyBlock block) const;
+  // What performXPCAsyncWithObject does, but on the calling thread: returns
+  // after `block` has been called.
+  void performXPCWithObjectOnThisThread(const LMValue& request, ReplyBlock block);
 
   const std::string serviceName_;
   const Transport transport_;
