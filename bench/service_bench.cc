@@ -3,7 +3,8 @@
 // reading the reply's archive included), the archive work on its own, and
 // calls per second with 1, 2 and 4 parallel clients. Prints the service's
 // overhead over the in-process analysis at the end, measured once more in
-// alternating blocks (see measureOverhead).
+// alternating blocks, for the bare call and for the same call through the
+// service client LMXPC (see measureOverhead).
 //
 // Starts its own service through the client's on-demand start, in a
 // temporary runtime folder, and stops it when done.
@@ -32,6 +33,7 @@
 #include "service/keyed_archive.h"
 #include "service/receipt_worker.h"
 #include "service/transport.h"
+#include "service/xpc_client.h"
 
 namespace {
 
@@ -122,12 +124,16 @@ void BM_ServiceThroughput(benchmark::State& state) {
 
 // The service's overhead measured so that a machine whose speed drifts (a
 // shared or virtual one) does not decide it: short blocks of calls in
-// process and through the service alternate, and the overhead is the median
-// of the differences between neighbouring blocks.
+// process, through the service and through the service client alternate,
+// and the overhead is the median of the differences between neighbouring
+// blocks.
 struct Overhead {
   double inProcessMs = 0;  // median per call
   double serviceMs = 0;    // median per call
   double overheadMs = 0;   // median of the blocks' differences per call
+  // The same call through LMXPC, as an application makes it: its queue,
+  // the operation's thread and the waiting caller add their hand-offs.
+  double clientOverheadMs = 0;
   // The same from the fastest tenth of each side's blocks: noise only ever
   // adds time, so this is the reading least disturbed by the machine.
   double fastInProcessMs = 0;
@@ -140,33 +146,49 @@ struct Overhead {
 Overhead measureOverhead(int blocks, int callsPerBlock) {
   using Clock = std::chrono::steady_clock;
   const LMValue task(sampleTask());
-  std::vector<double> inProcess, service, difference;
-  auto perCall = [&](Clock::time_point from, Clock::time_point to) {
-    return std::chrono::duration<double, std::milli>(to - from).count() / callsPerBlock;
+  LMXPC client(kServiceName);
+  std::vector<double> inProcess, service, difference, clientDifference;
+  // Milliseconds per call of a block of `call`.
+  auto block = [&](auto call) {
+    const auto from = Clock::now();
+    for (int i = 0; i < callsPerBlock; ++i) call();
+    return std::chrono::duration<double, std::milli>(Clock::now() - from).count() / callsPerBlock;
+  };
+  auto analyse = [&] { benchmark::DoNotOptimize(lmPerformReceiptTask(*task.asDictionary())); };
+  auto bare = [&] { benchmark::DoNotOptimize(callService(task)); };
+  auto throughClient = [&] {
+    benchmark::DoNotOptimize(client.performXPCWithObject(*task.asDictionary()));
   };
   // Both sides warm first: the service compiles its patterns on its first
   // analysis, as this process does on its own.
   for (int i = 0; i < 5; ++i) {
-    benchmark::DoNotOptimize(lmPerformReceiptTask(*task.asDictionary()));
-    benchmark::DoNotOptimize(callService(task));
+    analyse();
+    bare();
+    throughClient();
   }
   for (int b = 0; b < blocks; ++b) {
-    const auto t0 = Clock::now();
-    for (int i = 0; i < callsPerBlock; ++i)
-      benchmark::DoNotOptimize(lmPerformReceiptTask(*task.asDictionary()));
-    const auto t1 = Clock::now();
-    for (int i = 0; i < callsPerBlock; ++i) benchmark::DoNotOptimize(callService(task));
-    const auto t2 = Clock::now();
-    inProcess.push_back(perCall(t0, t1));
-    service.push_back(perCall(t1, t2));
-    difference.push_back(service.back() - inProcess.back());
+    // The two service blocks take turns at following the in-process block,
+    // which leaves the caches to whichever comes next.
+    inProcess.push_back(block(analyse));
+    double bareMs = 0, clientMs = 0;
+    if (b % 2 == 0) {
+      bareMs = block(bare);
+      clientMs = block(throughClient);
+    } else {
+      clientMs = block(throughClient);
+      bareMs = block(bare);
+    }
+    service.push_back(bareMs);
+    difference.push_back(bareMs - inProcess.back());
+    clientDifference.push_back(clientMs - inProcess.back());
   }
   auto quantile = [](std::vector<double> v, double q) {
     std::sort(v.begin(), v.end());
     return v[static_cast<size_t>(q * static_cast<double>(v.size() - 1))];
   };
-  return {quantile(inProcess, 0.5), quantile(service, 0.5), quantile(difference, 0.5),
-          quantile(inProcess, 0.1), quantile(service, 0.1), quantile(inProcess, 0.9)};
+  return {quantile(inProcess, 0.5),        quantile(service, 0.5),   quantile(difference, 0.5),
+          quantile(clientDifference, 0.5), quantile(inProcess, 0.1), quantile(service, 0.1),
+          quantile(inProcess, 0.9)};
 }
 
 // The result archive written and read as a call finds the caches: after
@@ -337,6 +359,8 @@ int main(int argc, char** argv) {
                   "block; run again when it is quiet\n",
                   o.fastInProcessMs, o.slowInProcessMs);
     }
+    std::printf("the same call through the service client (LMXPC): overhead %.3f ms = %.1f%%\n",
+                o.clientOverheadMs, 100.0 * o.clientOverheadMs / o.inProcessMs);
     std::printf("a bare socket round trip around the same work, here: %.3f ms = %.1f%%\n", bare,
                 100.0 * bare / o.inProcessMs);
     std::printf("the result archive as a call finds the caches: written in %.3f ms, read in %.3f ms "
