@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 #include <unordered_map>
+#include <utility>
 
 #include "elements/found_element.h"
 #include "kit/keyed_coding.h"
@@ -244,10 +245,17 @@ class BinaryPlist {
     if (uids_[n] == kNone) uids_[n] = add(kUid, n, 0, 0);
     return uids_[n];
   }
+  // Data copied into the list.
   uint32_t data(const uint8_t* p, size_t n) {
     const uint32_t node = add(kData, 0, bytes_.size(), n);
     bytes_.insert(bytes_.end(), p, p + n);
     return node;
+  }
+  // Data that stays where it is until write() copies it into the list once
+  // (a task's PDF can be megabytes); it must outlive this list.
+  uint32_t externalData(const uint8_t* p, size_t n) {
+    externalBytes_ += n;
+    return add(kExternalData, reinterpret_cast<uintptr_t>(p), 0, n);
   }
   // An array of `count` nodes of `items`, from `first` on, `stride` apart.
   uint32_t array(const std::vector<uint32_t>& items, size_t first, size_t count,
@@ -269,7 +277,8 @@ class BinaryPlist {
     auto width = [](uint64_t v) { return v <= 0xFF ? 1 : v <= 0xFFFF ? 2 : v <= 0xFFFFFFFF ? 4 : 8; };
     const int refSize = width(nodes_.size());
     // Room for the most every part can take; cut to size at the end.
-    std::vector<uint8_t> out(8 + 18 * nodes_.size() + bytes_.size() + 2 * units_.size() +
+    std::vector<uint8_t> out(8 + 18 * nodes_.size() + bytes_.size() + externalBytes_ +
+                             2 * units_.size() +
                              refSize * refs_.size() + 32);
     uint8_t* w = out.data();
     auto bigEndian = [&](uint64_t v, int size) {
@@ -327,8 +336,13 @@ class BinaryPlist {
           bigEndian(n.value, width(n.value));
           break;
         case kData:
+        case kExternalData:
           marker(0x40, n.count);
-          if (n.count) std::memcpy(w, bytes_.data() + n.first, n.count);
+          if (n.count) {
+            std::memcpy(w, n.type == kData ? bytes_.data() + n.first
+                                           : reinterpret_cast<const uint8_t*>(n.value),
+                        n.count);
+          }
           w += n.count;
           break;
         case kAscii:
@@ -362,11 +376,23 @@ class BinaryPlist {
 
  private:
   static constexpr uint32_t kNone = UINT32_MAX;
-  enum Type : uint8_t { kAscii, kUtf16, kInteger, kReal, kBool, kUid, kData, kArray, kDict };
+  enum Type : uint8_t {
+    kAscii,
+    kUtf16,
+    kInteger,
+    kReal,
+    kBool,
+    kUid,
+    kData,
+    kExternalData,
+    kArray,
+    kDict
+  };
   struct Node {
     Type type;
-    uint64_t value;  // integer, real bits, boolean or reference
-    size_t first;    // into bytes_, units_ or refs_
+    // integer, real bits, boolean, reference or external data's address
+    uint64_t value;
+    size_t first;  // into bytes_, units_ or refs_
     size_t count;
   };
   uint32_t add(Type type, uint64_t value, size_t first, size_t count) {
@@ -384,6 +410,7 @@ class BinaryPlist {
 
   std::vector<Node> nodes_;
   std::vector<uint8_t> bytes_;
+  size_t externalBytes_ = 0;
   std::u16string units_;
   std::vector<uint32_t> refs_;
   NodeTable texts_, integers_, reals_;
@@ -447,7 +474,11 @@ class ArchiveWriter {
       case LMValueKind::kString:
         return plain(plist_.text(*value.asString()));
       case LMValueKind::kData:
-        return push(plist_.data(value.asData()->data(), value.asData()->size()));
+        // The tree being archived outlives the writer; what elements hand
+        // over need not.
+        return push(copyData_ ? plist_.data(value.asData()->data(), value.asData()->size())
+                              : plist_.externalData(value.asData()->data(),
+                                                    value.asData()->size()));
       case LMValueKind::kDecimal:
         return decimal(*value.asDecimal());
       case LMValueKind::kDate:
@@ -697,6 +728,7 @@ class ArchiveWriter {
   KeyCacheEntry keyCache_[61];
   uint64_t null_ = 0;
   size_t depth_ = 0;
+  bool copyData_ = false;  // while an element encodes itself
 };
 
 void ElementEncoder::encodeInt64(std::u16string_view key, int64_t value) {
@@ -709,12 +741,19 @@ void ElementEncoder::encodeRect(std::u16string_view key, const LMRect& rect) {
               writer_.plist_.uid(writer_.plain(writer_.plist_.text(lmStringFromRect(rect)))));
 }
 
+// What an element hands over may be a temporary, so its data is copied.
 void ElementEncoder::encodeObject(std::u16string_view key, const LMValue& value) {
-  writer_.set(dict_, key, writer_.plist_.uid(writer_.encode(value)));
+  const bool outer = std::exchange(writer_.copyData_, true);
+  const uint64_t ref = writer_.encode(value);
+  writer_.copyData_ = outer;
+  writer_.set(dict_, key, writer_.plist_.uid(ref));
 }
 
 void ElementEncoder::encodeDictionary(std::u16string_view key, const LMDictionary& value) {
-  writer_.set(dict_, key, writer_.plist_.uid(writer_.dictionary(value)));
+  const bool outer = std::exchange(writer_.copyData_, true);
+  const uint64_t ref = writer_.dictionary(value);
+  writer_.copyData_ = outer;
+  writer_.set(dict_, key, writer_.plist_.uid(ref));
 }
 
 // ------------------------------------------------ binary property-list reader

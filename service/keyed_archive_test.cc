@@ -253,7 +253,7 @@ TEST(KeyedArchiveTest, ElementsKeepTheirArchivedPropertiesOnly) {
   number->setBbox(LMRect{-1.5, 1e-7, 42, 11.25});
   number->setString(u"-3,05");
   number->setKey(u"amount");
-  number->setUserInfo(LMDictionary{{u"n", 1}});
+  number->setUserInfo(LMDictionary{{u"n", 1}, {u"d", LMData{1, 2, 3}}});
   number->setNumberString(u"-3,05");
   number->setDebugInfo(LMDictionary{{u"score", 0.75}});
   number->setRange(LMTextRange::make(4, 5));
