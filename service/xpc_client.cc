@@ -44,6 +44,9 @@ struct LMXPC::Call {
       }
     } catch (const std::exception& e) {
       error = unreachable(e.what());
+    } catch (...) {
+      // Whatever a transport throws, the caller gets its one reply.
+      error = unreachable("the call failed");
     }
     deliver(result, error);
   }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -138,6 +139,23 @@ TEST_F(XPCClientTest, RepliesBecomeResultOrError) {
     EXPECT_EQ(1, calls);
   }
   EXPECT_TRUE(logged("lxDataUnserialize: "));
+
+  // A transport that throws is a failed call, not a caller waiting forever.
+  for (const bool standard : {true, false}) {
+    FakeService service([&](const LMValue&, std::string*) -> std::optional<LMWireReply> {
+      if (standard) throw std::runtime_error("socket broke");
+      throw 42;
+    });
+    LMXPC xpc("test-service", service.transport());
+    std::optional<LMXPCError> error;
+    xpc.performXPCSynchronousWithObject(
+        LMDictionary{{u"task", 1}},
+        [&](const LMValue&, const std::optional<LMXPCError>& e) { error = e; });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(standard ? u"Service not reachable: socket broke"
+                       : u"Service not reachable: the call failed",
+              error->message);
+  }
 }
 
 TEST_F(XPCClientTest, PerformXPCWithObjectLogsFailuresAndAnswersNil) {
