@@ -81,6 +81,15 @@ def main():
         check("sample between errors", lines[1]["file"] == sample and lines[1]["gross"] == "15.3")
         check("empty error", lines[2].get("error") == "Could not open document", lines[2])
 
+    # Files that cannot be read are errors too, a folder among them.
+    out = run(tool, testdata, os.path.join(testdata, "missing.pdf"))
+    lines = [json.loads(line) for line in out.stdout.splitlines()]
+    check("unreadable exit status", out.returncode == 1, out.returncode)
+    check("folder error", lines and lines[0].get("error") == "Could not read file: Is a directory",
+          out.stdout + out.stderr)
+    check("missing error", len(lines) == 2 and
+          lines[1].get("error") == "Could not read file: No such file or directory", out.stdout)
+
     out = run(tool, "--format", "summary", sample)
     check("summary", out.stdout.strip() ==
           sample + ": gross 15.30 net 15.30 tax 1.00 currency EUR date 2026-11-14", out.stdout)

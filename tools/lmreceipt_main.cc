@@ -1,17 +1,18 @@
 // lmreceipt: analyses receipt and invoice PDFs from the command line, either
 // in this process exactly as the service answers a task (analyze), or through
 // the service itself (call).
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -114,6 +115,40 @@ std::string twoPlaces(const LMValue& v) {
   return s + std::string(2 - std::min<size_t>(2, s.size() - point - 1), '0');
 }
 
+// The bytes of the file at `path`; nullopt with errno set when it cannot be
+// read (missing, a folder, not permitted, a read error).
+std::optional<LMData> readWholeFile(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat st {};
+  const bool isFile = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  if (!isFile && S_ISDIR(st.st_mode)) {
+    close(fd);
+    errno = EISDIR;
+    return std::nullopt;
+  }
+  // Room for the whole file and one byte more, to see its end without
+  // growing; a pipe, or a file that grew meanwhile, gets more as it comes.
+  LMData bytes(isFile ? static_cast<size_t>(st.st_size) + 1 : 65536);
+  for (size_t used = 0;;) {
+    if (used == bytes.size()) bytes.resize(2 * used);
+    const ssize_t n = read(fd, bytes.data() + used, bytes.size() - used);
+    if (n > 0) {
+      used += static_cast<size_t>(n);
+    } else if (n == 0) {
+      bytes.resize(used);
+      break;
+    } else if (errno != EINTR) {
+      const int error = errno;
+      close(fd);
+      errno = error;
+      return std::nullopt;
+    }
+  }
+  close(fd);
+  return bytes;
+}
+
 // Answers one task: in this process, or through the service.
 using Performer = std::function<LMXPCReply(const LMDictionary& task)>;
 
@@ -121,14 +156,13 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
                     const Performer& perform) {
   LMDictionary errorObject;
   if (withFileKey || options.summary) errorObject.set(u"file", lmUtf16(path));
-  std::ifstream in(path, std::ios::binary);
+  std::optional<LMData> bytes = readWholeFile(path);
   LMXPCReply reply;
-  if (!in) {
+  if (!bytes) {
     reply.error = LMXPCError{kLMErrorDomain, kLMErrorCode,
                              u"Could not read file: " + lmUtf16(std::strerror(errno))};
   } else {
-    LMData bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    LMDictionary task{{u"data", std::move(bytes)},
+    LMDictionary task{{u"data", std::move(*bytes)},
                       {u"currency", options.currency},
                       {u"taxes", options.taxes}};
     reply = perform(task);
