@@ -147,7 +147,10 @@ class LMDecimal {
   bool isTrue() const { return !nan_ && mantissa_ != 0; }
 
  private:
-  unsigned __int128 mantissa_ = 0;
+  // Eight-byte aligned, so that a decimal takes 24 bytes and values that can
+  // hold one stay small; the compiler reads it as one 128-bit number.
+  typedef unsigned __int128 Mantissa __attribute__((aligned(8)));
+  Mantissa mantissa_ = 0;
   int exponent_ = 0;
   bool negative_ = false;
   bool nan_ = false;

@@ -118,6 +118,16 @@ struct LMAttributedString {
   friend bool operator==(const LMAttributedString&, const LMAttributedString&);
 };
 
+// How a value holds an attributed text: behind a pointer, so that every
+// value stays small (pages are few, every other value is many). The text is
+// never changed once it is in a value, so copies share it.
+struct LMAttributedStringRef {
+  std::shared_ptr<const LMAttributedString> text;
+  friend bool operator==(const LMAttributedStringRef& a, const LMAttributedStringRef& b) {
+    return a.text == b.text || *a.text == *b.text;
+  }
+};
+
 // Base of the shared objects a value can hold (the found elements).
 class LMObject {
  public:
@@ -168,7 +178,8 @@ class LMValue {
   LMValue(LMDate d) : v_(d) {}
   LMValue(LMArray a) : v_(std::move(a)) {}
   LMValue(LMDictionary d) : v_(std::move(d)) {}
-  LMValue(LMAttributedString s) : v_(std::move(s)) {}
+  LMValue(LMAttributedString s)
+      : v_(LMAttributedStringRef{std::make_shared<const LMAttributedString>(std::move(s))}) {}
   template <typename T>
     requires std::is_base_of_v<LMObject, T>
   LMValue(std::shared_ptr<T> o) {
@@ -197,7 +208,8 @@ class LMValue {
   const LMDictionary* asDictionary() const { return std::get_if<LMDictionary>(&v_); }
   LMDictionary* asDictionary() { return std::get_if<LMDictionary>(&v_); }
   const LMAttributedString* asAttributedString() const {
-    return std::get_if<LMAttributedString>(&v_);
+    const auto* ref = std::get_if<LMAttributedStringRef>(&v_);
+    return ref ? ref->text.get() : nullptr;
   }
   std::shared_ptr<LMObject> asObject() const;
   template <typename T>
@@ -262,7 +274,7 @@ class LMValue {
 
  private:
   std::variant<std::monostate, LMNull, bool, int64_t, double, std::u16string, LMData,
-               LMDecimal, LMDate, LMArray, LMDictionary, LMAttributedString,
+               LMDecimal, LMDate, LMArray, LMDictionary, LMAttributedStringRef,
                std::shared_ptr<LMObject>>
       v_;
 };
