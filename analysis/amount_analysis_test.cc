@@ -183,7 +183,7 @@ TEST(TaxAnalysisTest, CeilingTieBreakAndMissingGross) {
   two.analyzeTaxElements();
   EXPECT_EQ(u"7", text(two.tax()));
   size_t fits = 0;
-  for (const auto& e : *a->features()) fits += e.key.starts_with(u"text_tax_7_percent_fit");
+  for (const auto& e : *a->features()) fits += e.key.view().starts_with(u"text_tax_7_percent_fit");
   EXPECT_EQ(1u, fits);
 
   LMReceiptParser noGross;
@@ -249,7 +249,7 @@ TEST(ReceiptParserTest, ResultHasAllKeysBeforeWork) {
                                          u"text", u"factors"}),
             result.keys());
   for (const auto& e : result) {
-    SCOPED_TRACE(std::string(e.key.begin(), e.key.end()));
+    SCOPED_TRACE(std::string(e.key.view().begin(), e.key.view().end()));
     if (e.key == u"ocr" || e.key == u"letter" || e.key == u"landscape") {
       EXPECT_EQ(LMValue(false), e.value);
     } else if (e.key == u"factors") {

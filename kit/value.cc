@@ -145,7 +145,7 @@ std::u16string describe(const LMValue& v, bool nested) {
     case LMValueKind::kDictionary: {
       std::u16string out = u"{\n";
       for (const auto& e : *v.asDictionary()) {
-        out += u"    " + quotedIfNeeded(e.key) + u" = " +
+        out += u"    " + quotedIfNeeded(e.key.str()) + u" = " +
                indentLines(describe(e.value, true)) + u";\n";
       }
       return out + u"}";
@@ -205,7 +205,7 @@ std::optional<Json> toJsonTree(const LMValue& v) {
       for (const auto& e : *v.asDictionary()) {
         auto j = toJsonTree(e.value);
         if (!j) return std::nullopt;
-        out[lmUtf8(e.key)] = std::move(*j);
+        out[lmUtf8(e.key.view())] = std::move(*j);
       }
       return out;
     }
@@ -281,7 +281,7 @@ int threeWay(const T& a, const T& b) {
 // ---------------------------------------------------------------- LMDictionary
 
 LMDictionary::LMDictionary(std::initializer_list<LMDictionaryEntry> entries) {
-  for (const auto& e : entries) set(e.key, e.value);
+  for (const auto& e : entries) set(e.key.view(), e.value);
 }
 LMDictionary::LMDictionary(const LMDictionary& other) : entries_(other.entries_) {
   if (other.index_) index_ = std::make_unique<Index>(*other.index_);
@@ -299,7 +299,7 @@ bool LMDictionary::empty() const { return entries_.empty(); }
 
 std::optional<size_t> LMDictionary::position(std::u16string_view key) const {
   if (index_) {
-    auto it = index_->find(std::u16string(key));
+    auto it = index_->find(key);
     if (it == index_->end()) return std::nullopt;
     return it->second;
   }
@@ -313,7 +313,7 @@ void LMDictionary::rebuildIndex() {
   index_.reset();
   if (entries_.size() <= kIndexThreshold) return;
   index_ = std::make_unique<Index>();
-  for (size_t i = 0; i < entries_.size(); ++i) index_->emplace(entries_[i].key, i);
+  for (size_t i = 0; i < entries_.size(); ++i) index_->emplace(entries_[i].key.str(), i);
 }
 
 bool LMDictionary::contains(std::u16string_view key) const { return position(key).has_value(); }
@@ -340,18 +340,18 @@ void LMDictionary::set(std::u16string_view key, LMValue value) {
 
 void LMDictionary::reserve(size_t count) { entries_.reserve(count); }
 
-void LMDictionary::emplace(std::u16string key, LMValue value) {
-  if (auto p = position(key)) {
+void LMDictionary::emplace(LMKey key, LMValue value) {
+  if (auto p = position(key.view())) {
     entries_[*p].value = std::move(value);
     return;
   }
   append(std::move(key), std::move(value));
 }
 
-LMValue& LMDictionary::append(std::u16string key, LMValue value) {
+LMValue& LMDictionary::append(LMKey key, LMValue value) {
   entries_.push_back(LMDictionaryEntry{std::move(key), std::move(value)});
   if (index_) {
-    index_->emplace(entries_.back().key, entries_.size() - 1);
+    index_->emplace(entries_.back().key.str(), entries_.size() - 1);
   } else if (entries_.size() > kIndexThreshold) {
     rebuildIndex();
   }
@@ -360,7 +360,7 @@ LMValue& LMDictionary::append(std::u16string key, LMValue value) {
 
 LMValue& LMDictionary::operator[](std::u16string_view key) {
   if (auto p = position(key)) return entries_[*p].value;
-  return append(std::u16string(key), LMValue());
+  return append(LMKey(key), LMValue());
 }
 
 bool LMDictionary::remove(std::u16string_view key) {
@@ -386,7 +386,7 @@ int64_t LMDictionary::incrementCounterForKey(std::u16string_view key) {
 std::vector<std::u16string> LMDictionary::keys() const {
   std::vector<std::u16string> out;
   out.reserve(entries_.size());
-  for (const auto& e : entries_) out.push_back(e.key);
+  for (const auto& e : entries_) out.push_back(e.key.str());
   return out;
 }
 
@@ -401,7 +401,7 @@ std::vector<LMDictionaryEntry>::const_iterator LMDictionary::end() const {
 bool operator==(const LMDictionary& a, const LMDictionary& b) {
   if (a.size() != b.size()) return false;
   for (const auto& e : a.entries_) {
-    auto p = b.position(e.key);
+    auto p = b.position(e.key.view());
     if (!p || !(b.entries_[*p].value == e.value)) return false;
   }
   return true;
@@ -598,7 +598,7 @@ LMValue LMValue::jsonObject() const {
   switch (kind()) {
     case LMValueKind::kDictionary: {
       LMDictionary out;
-      for (const auto& e : *asDictionary()) out.set(e.key, e.value.jsonObject());
+      for (const auto& e : *asDictionary()) out.set(e.key.view(), e.value.jsonObject());
       return LMValue(std::move(out));
     }
     case LMValueKind::kArray: {

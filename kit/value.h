@@ -23,6 +23,7 @@
 
 #include "kit/date.h"
 #include "kit/decimal.h"
+#include "kit/key.h"
 #include "kit/text_range.h"
 
 class LMValue;
@@ -66,8 +67,9 @@ class LMDictionary {
   // Stores `value` under `key`: a new key goes to the end, an existing key
   // keeps its place and gets the new value.
   void set(std::u16string_view key, LMValue value);
-  // What `set` does, taking over `key`'s storage when the key is new.
-  void emplace(std::u16string key, LMValue value);
+  // What `set` does, keeping `key` itself (shared storage and all) when the
+  // key is new.
+  void emplace(LMKey key, LMValue value);
   // Room for `count` entries without reallocating.
   void reserve(size_t count);
   // The value under `key`, inserted as nil first when absent.
@@ -91,10 +93,16 @@ class LMDictionary {
   // index is kept up to date on every change, never built lazily, so that
   // concurrent reads of a shared table stay reads.
   static constexpr size_t kIndexThreshold = 32;
-  using Index = std::unordered_map<std::u16string, size_t>;
+  struct IndexHash {
+    using is_transparent = void;
+    size_t operator()(std::u16string_view key) const {
+      return std::hash<std::u16string_view>()(key);
+    }
+  };
+  using Index = std::unordered_map<std::u16string, size_t, IndexHash, std::equal_to<>>;
   std::optional<size_t> position(std::u16string_view key) const;
   // Adds a key known to be absent; returns its value.
-  LMValue& append(std::u16string key, LMValue value);
+  LMValue& append(LMKey key, LMValue value);
   void rebuildIndex();
 
   std::vector<LMDictionaryEntry> entries_;
@@ -280,7 +288,7 @@ class LMValue {
 };
 
 struct LMDictionaryEntry {
-  std::u16string key;
+  LMKey key;
   LMValue value;
   friend bool operator==(const LMDictionaryEntry&, const LMDictionaryEntry&) = default;
 };

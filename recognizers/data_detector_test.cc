@@ -32,7 +32,7 @@ std::string matched(std::u16string_view text, const LMDetectedItem& item) {
 std::vector<std::string> components(const LMDetectedItem& item) {
   std::vector<std::string> parts;
   for (const LMDictionaryEntry& entry : item.addressComponents) {
-    parts.push_back(lmUtf8(entry.key) + "=" + lmUtf8(entry.value.toString()));
+    parts.push_back(lmUtf8(entry.key.view()) + "=" + lmUtf8(entry.value.toString()));
   }
   return parts;
 }

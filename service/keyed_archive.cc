@@ -628,7 +628,7 @@ class ArchiveWriter {
     // Key and value references in pairs, below the object.
     const size_t start = pending_.size();
     for (const LMDictionaryEntry& entry : entries) {
-      const uint32_t key = plist_.uid(plain(plist_.text(entry.key)));
+      const uint32_t key = plist_.uid(plain(plist_.text(entry.key.view())));
       const uint32_t value = member(entry.value, "a dictionary");
       pending_.push_back(key);
       pending_.push_back(value);
@@ -1165,6 +1165,25 @@ class ArchiveReader {
     spend(1 + text.size() / 64);
     return std::move(text);
   }
+  LMKey spendKey(LMKey key) {
+    spend(1 + key.size() / 64);
+    return key;
+  }
+
+  // A text of at most LMKey::kInlineUnits units as a key, without a
+  // detour through a string when it is plain ASCII.
+  static LMKey shortKey(const PlistNode& node) {
+    if (node.type == PlistType::kAscii) {
+      char16_t units[LMKey::kInlineUnits];
+      bool plain = true;
+      for (uint64_t i = 0; i < node.count; ++i) {
+        units[i] = node.payload[i];
+        plain &= node.payload[i] != 0 && node.payload[i] < 0x80;
+      }
+      if (plain) return LMKey(std::u16string_view(units, node.count));
+    }
+    return LMKey(PlistReader::text(node));
+  }
 
   // The entry `uid` of "$objects".
   PlistNode entry(uint64_t uid) const { return plist_.item(objects_, uid); }
@@ -1319,7 +1338,7 @@ class ArchiveReader {
     LMDictionary dict;
     dict.reserve(std::min<uint64_t>(count, 4096));
     for (uint64_t i = 0; i < count; ++i) {
-      std::u16string key = keyOf(plist_.item(keys, i));
+      LMKey key = keyOf(plist_.item(keys, i));
       LMValue value = reference(plist_.item(values, i), "NS.objects");
       if (value.isNil()) fail("nil inside NS.objects");
       dict.emplace(std::move(key), std::move(value));
@@ -1328,13 +1347,22 @@ class ArchiveReader {
   }
 
   // A dictionary key: a reference to a text, read as the text (other
-  // objects are decoded to tell what they are).
-  std::u16string keyOf(const PlistNode& ref) {
+  // objects are decoded to tell what they are). A long key read before is
+  // shared with its earlier uses.
+  LMKey keyOf(const PlistNode& ref) {
     if (ref.type != PlistType::kUid) fail("NS.keys is not a reference");
     const uint64_t uid = PlistReader::uid(ref);
     if (uid > 0 && uid < objects_.count) {
       const PlistNode node = entry(uid);
-      if (PlistReader::isText(node)) return spendText(PlistReader::text(node));
+      if (PlistReader::isText(node)) {
+        if (node.count <= LMKey::kInlineUnits) return spendKey(shortKey(node));
+        for (const auto& [known, key] : longKeys_) {
+          if (known == uid) return spendKey(key);
+        }
+        LMKey key(PlistReader::text(node));
+        if (longKeys_.size() < kLongKeysKept) longKeys_.emplace_back(uid, key);
+        return spendKey(std::move(key));
+      }
     }
     LMValue key = decode(uid);
     if (key.isNil()) fail("nil inside NS.keys");
@@ -1497,6 +1525,10 @@ class ArchiveReader {
   std::vector<uint8_t> state_;
   std::unordered_map<uint64_t, LMValue> elements_;
   std::unordered_map<uint64_t, ResolvedClass> resolved_;
+  // Keys longer than LMKey keeps inline, by the text's entry in "$objects";
+  // archives use a few dozen distinct keys, so a short list does.
+  static constexpr size_t kLongKeysKept = 64;
+  std::vector<std::pair<uint64_t, LMKey>> longKeys_;
   std::vector<OpenObject> open_;
   std::vector<PlistNode> openKeys_;
   size_t depth_ = 0;

@@ -134,7 +134,7 @@ std::string dump(const LMValue& v, bool sortKeys = false) {
     case LMValueKind::kDictionary: {
       std::vector<std::string> entries;
       for (const auto& e : *v.asDictionary())
-        entries.push_back(text(e.key) + "=" + dump(e.value, sortKeys));
+        entries.push_back(text(e.key.view()) + "=" + dump(e.value, sortKeys));
       if (sortKeys) std::sort(entries.begin(), entries.end());
       std::string out = "{";
       for (const std::string& e : entries) out += e + ";";
@@ -375,7 +375,7 @@ TEST(KeyedArchiveTest, ReadsArchivesOfThePlatformsArchiver) {
   const LMData asdf{'a', 's', 'd', 'f', 'a', 's', 'd', 'f', 'a', 'd', 's', 'f', 'a', 'd', 's', 'f'};
   const auto foo = [](std::initializer_list<LMDictionaryEntry> entries) {
     LMDictionary d{{u"$classname", u"crap.Foo"}};
-    for (const auto& e : entries) d.set(e.key, e.value);
+    for (const auto& e : entries) d.set(e.key.view(), e.value);
     return LMValue(d);
   };
   struct Case {

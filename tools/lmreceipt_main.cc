@@ -188,7 +188,7 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
   if (withFileKey) output.set(u"file", lmUtf16(path));
   for (const auto& entry : result) {
     if (entry.key != u"pages") {
-      output.set(entry.key, entry.value);
+      output.set(entry.key.view(), entry.value);
       continue;
     }
     LMArray texts;
