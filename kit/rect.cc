@@ -84,15 +84,21 @@ LMRect lmRectUnion(const LMRect& a, const LMRect& b) {
   return LMRect{x0, y0, x1 - x0, y1 - y0};
 }
 
-std::u16string lmStringFromRect(const LMRect& r) {
+size_t lmWriteRectText(const LMRect& r, char16_t* out) {
   // Built in one buffer: rectangles are written for every line of every page.
-  char buffer[4 * 32 + 16];
+  char buffer[kLMRectTextCapacity];
   char* p = putText(buffer, "{{");
   p = putText(putNumber(p, r.x), ", ");
   p = putText(putNumber(p, r.y), "}, {");
   p = putText(putNumber(p, r.width), ", ");
   p = putText(putNumber(p, r.height), "}}");
-  return std::u16string(buffer, p);
+  std::copy(buffer, p, out);
+  return static_cast<size_t>(p - buffer);
+}
+
+std::u16string lmStringFromRect(const LMRect& r) {
+  char16_t text[kLMRectTextCapacity];
+  return std::u16string(text, lmWriteRectText(r, text));
 }
 
 std::u16string lmStringFromRange(const LMTextRange& r) {

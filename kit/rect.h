@@ -43,5 +43,9 @@ LMRect lmRectUnion(const LMRect& a, const LMRect& b);
 
 // "{{x, y}, {width, height}}" with each number in its shortest exact form.
 std::u16string lmStringFromRect(const LMRect& r);
+// The same text written to `out`, which has room for kLMRectTextCapacity
+// units; answers the units written. For callers that need no string of it.
+constexpr size_t kLMRectTextCapacity = 4 * 32 + 16;
+size_t lmWriteRectText(const LMRect& r, char16_t* out);
 // "{location, length}".
 std::u16string lmStringFromRange(const LMTextRange& r);

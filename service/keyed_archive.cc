@@ -737,8 +737,9 @@ void ElementEncoder::encodeInt64(std::u16string_view key, int64_t value) {
 
 void ElementEncoder::encodeRect(std::u16string_view key, const LMRect& rect) {
   // Written as the rectangle's text, by reference like any other text.
-  writer_.set(dict_, key,
-              writer_.plist_.uid(writer_.plain(writer_.plist_.text(lmStringFromRect(rect)))));
+  char16_t text[kLMRectTextCapacity];
+  const std::u16string_view view(text, lmWriteRectText(rect, text));
+  writer_.set(dict_, key, writer_.plist_.uid(writer_.plain(writer_.plist_.text(view))));
 }
 
 // What an element hands over may be a temporary, so its data is copied.
