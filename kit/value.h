@@ -5,7 +5,9 @@
 // double, a UTF-16 text, bytes, an exact decimal, a date, an array, an
 // insertion-ordered dictionary with text keys, an attributed text, or a shared
 // object (a found element). Values copy deeply, except shared objects, which
-// are reference-counted and shared like the objects they stand for.
+// are reference-counted and shared like the objects they stand for, and
+// attributed texts and long dictionary keys, which nothing changes once they
+// are in a value and whose copies therefore share one block.
 //
 // Nothing here throws on unexpected kinds: every query answers with the
 // zero-like value (0, false, empty text, nil). Values are not synchronised; a
