@@ -281,7 +281,7 @@ int threeWay(const T& a, const T& b) {
 // ---------------------------------------------------------------- LMDictionary
 
 LMDictionary::LMDictionary(std::initializer_list<LMDictionaryEntry> entries) {
-  for (const auto& e : entries) set(e.key.view(), e.value);
+  for (const auto& e : entries) emplace(e.key, e.value);
 }
 LMDictionary::LMDictionary(const LMDictionary& other) : entries_(other.entries_) {
   if (other.index_) index_ = std::make_unique<Index>(*other.index_);
@@ -598,7 +598,7 @@ LMValue LMValue::jsonObject() const {
   switch (kind()) {
     case LMValueKind::kDictionary: {
       LMDictionary out;
-      for (const auto& e : *asDictionary()) out.set(e.key.view(), e.value.jsonObject());
+      for (const auto& e : *asDictionary()) out.emplace(e.key, e.value.jsonObject());
       return LMValue(std::move(out));
     }
     case LMValueKind::kArray: {
