@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -181,17 +182,23 @@ LMServer::LMServer(WorkerFactory factory, LMServerOptions options)
   threads_.reserve(options_.maxConnections);
   idle_.reserve(options_.maxConnections);
   wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  secondWakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
 LMServer::~LMServer() {
   endThreads();
   for (int fd : queue_) close(fd);
   if (wakeFd_ >= 0) close(wakeFd_);
+  if (secondWakeFd_ >= 0) close(secondWakeFd_);
 }
 
 void LMServer::stop() {
   stopRequested_.store(true);
   wake();
+  if (secondWakeFd_ >= 0) {
+    const uint64_t one = 1;
+    [[maybe_unused]] ssize_t ignored = write(secondWakeFd_, &one, sizeof one);
+  }
 }
 
 void LMServer::wake() {
@@ -209,13 +216,37 @@ void LMServer::serve(LMListener& listener) {
   }
   bool trimmed = true;
 
+  // This loop waits for connections as the first of two exclusive waiters:
+  // the kernel wakes it alone while it waits, and the second acceptor (see
+  // secondAcceptor) only while this thread is busy serving a call itself.
+  const int events = epoll_create1(EPOLL_CLOEXEC);
+  auto watch = [&](int ep, int fd, uint32_t flags) {
+    epoll_event e{};
+    e.events = flags;
+    e.data.fd = fd;
+    return epoll_ctl(ep, EPOLL_CTL_ADD, fd, &e) == 0;
+  };
+  std::thread second;
+  if (events >= 0 && watch(events, wakeFd_, EPOLLIN) &&
+      watch(events, listenFd, EPOLLIN | EPOLLEXCLUSIVE) && secondWakeFd_ >= 0) {
+    try {
+      second = std::thread(&LMServer::secondAcceptor, this, listenFd);
+    } catch (const std::exception& e) {
+      lmLogf("!!! Cannot start the second acceptor: %s", e.what());
+    }
+  } else {
+    lmLogf("!!! Cannot watch the socket with epoll: %s", errnoText().c_str());
+  }
+  // Without the second acceptor every call goes to a pool thread.
+  const bool mayServeHere = second.joinable();
+
   auto acceptQueued = [&](size_t room) {
     size_t accepted = 0;
     while (accepted < room) {
       const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd >= 0) {
-        dispatch(fd);
         ++accepted;
+        if (!mayServeHere || !serveHereIfAlone(fd)) dispatch(fd);
         continue;
       }
       if (errno == EINTR || errno == ECONNABORTED) continue;
@@ -262,18 +293,40 @@ void LMServer::serve(LMListener& listener) {
       }
     }
     const bool full = active >= options_.maxConnections;
-    pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {listenFd, static_cast<short>(full ? 0 : POLLIN), 0}};
-    if (poll(fds, 2, timeout) < 0 && errno != EINTR) {
-      lmLogf("!!! poll: %s", errnoText().c_str());
-      break;
+    bool wakeReady = false, listenReady = false;
+    if (full || events < 0) {
+      // Full: only the wake-up counts, the connections wait in the queue.
+      pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {listenFd, static_cast<short>(full ? 0 : POLLIN), 0}};
+      if (poll(fds, 2, timeout) < 0 && errno != EINTR) {
+        lmLogf("!!! poll: %s", errnoText().c_str());
+        break;
+      }
+      wakeReady = fds[0].revents & POLLIN;
+      listenReady = fds[1].revents & POLLIN;
+    } else {
+      epoll_event ready[2];
+      const int n = epoll_wait(events, ready, 2, timeout);
+      if (n < 0 && errno != EINTR) {
+        lmLogf("!!! epoll_wait: %s", errnoText().c_str());
+        break;
+      }
+      for (int i = 0; i < n; ++i) {
+        (ready[i].data.fd == wakeFd_ ? wakeReady : listenReady) = true;
+      }
     }
-    if (fds[0].revents & POLLIN) {
+    if (wakeReady) {
       uint64_t count;
       [[maybe_unused]] ssize_t ignored = read(wakeFd_, &count, sizeof count);
     }
-    if (!full && (fds[1].revents & POLLIN)) acceptQueued(options_.maxConnections - active);
+    if (!full && listenReady) acceptQueued(options_.maxConnections - active);
   }
 
+  if (second.joinable()) {
+    const uint64_t one = 1;
+    [[maybe_unused]] ssize_t ignored = write(secondWakeFd_, &one, sizeof one);
+    second.join();
+  }
+  if (events >= 0) close(events);
   listener.unpublish();
   if (idle) {
     // Clients that found the socket just before it was removed are queued;
@@ -287,6 +340,75 @@ void LMServer::serve(LMListener& listener) {
     }
   }
   endThreads();
+}
+
+bool LMServer::serveHereIfAlone(int fd) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (active_ > 0) return false;
+    ++active_;
+  }
+  // The connection is served on the thread its connect woke, which spares
+  // the call waking a pool thread (on this kind of machine, waking a thread
+  // whose processor sleeps costs more than the hand-off saves).
+  serveConnection(fd, /*finishingCounts=*/false);
+  std::lock_guard<std::mutex> lock(mutex_);
+  --active_;
+  lastEnd_ = Clock::now();
+  return true;
+}
+
+void LMServer::secondAcceptor(int listenFd) {
+  const int events = epoll_create1(EPOLL_CLOEXEC);
+  epoll_event listen{}, stop{};
+  listen.events = EPOLLIN | EPOLLEXCLUSIVE;
+  listen.data.fd = listenFd;
+  stop.events = EPOLLIN;
+  stop.data.fd = secondWakeFd_;
+  if (events < 0 || epoll_ctl(events, EPOLL_CTL_ADD, listenFd, &listen) != 0 ||
+      epoll_ctl(events, EPOLL_CTL_ADD, secondWakeFd_, &stop) != 0) {
+    lmLogf("!!! The second acceptor cannot watch the socket: %s", errnoText().c_str());
+    if (events >= 0) close(events);
+    return;
+  }
+  while (!stopRequested_.load()) {
+    epoll_event ready[2];
+    const int n = epoll_wait(events, ready, 2, -1);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      lmLogf("!!! epoll_wait: %s", errnoText().c_str());
+      break;
+    }
+    bool listenReady = false, stopping = false;
+    for (int i = 0; i < n; ++i) (ready[i].data.fd == listenFd ? listenReady : stopping) = true;
+    if (stopping || stopRequested_.load()) break;
+    if (!listenReady) continue;
+    size_t room;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      room = active_ < options_.maxConnections ? options_.maxConnections - active_ : 0;
+    }
+    if (room == 0) {
+      // Full: the connection waits in the queue; look again in a while.
+      usleep(static_cast<useconds_t>(kBusyPollInterval.count()) * 1000);
+      continue;
+    }
+    for (size_t accepted = 0; accepted < room;) {
+      const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd >= 0) {
+        ++accepted;
+        dispatch(fd);
+        continue;
+      }
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        lmLogf("!!! Cannot accept a connection: %s", errnoText().c_str());
+        usleep(50'000);
+      }
+      break;
+    }
+  }
+  close(events);
 }
 
 void LMServer::dispatch(int fd) {
@@ -471,7 +593,7 @@ void LMServer::reply(Call& call, const Outgoing& out) {
   // wait for the client: this thread counts as finishing from here on, and
   // the client's next call, which may come before the thread is back, waits
   // for it rather than for a new, cold thread.
-  if (out.payload.size() <= kQuickReplyBytes) {
+  if (call.finishingCounts && out.payload.size() <= kQuickReplyBytes) {
     std::lock_guard<std::mutex> lock(mutex_);
     ++finishing_;
     call.finishing = true;
@@ -482,8 +604,9 @@ void LMServer::reply(Call& call, const Outgoing& out) {
   }
 }
 
-bool LMServer::serveConnection(int fd) {
+bool LMServer::serveConnection(int fd, bool finishingCounts) {
   Call call{fd};
+  call.finishingCounts = finishingCounts;
   std::optional<Outgoing> out;
   try {
     out = answer(call);

@@ -76,10 +76,12 @@ struct LMServerOptions {
 };
 
 // Serves calls: per accepted connection one fresh worker, one request frame,
-// one reply frame, then the connection is closed. Connections run in
-// parallel on a pool of threads (at most maxConnections) that live as long as
-// the server; a connection goes to the thread that was busy last, whose
-// caches are warm. Bad frames get an error reply when the connection can
+// one reply frame, then the connection is closed. A connection that arrives
+// while no call runs is served by the accept loop itself, on the thread its
+// connect woke; while that thread is busy, a second acceptor takes new
+// connections. Connections run in parallel on a pool of threads (at most
+// maxConnections calls at once) that live as long as the server; a
+// connection goes to the thread that was busy last, whose caches are warm. Bad frames get an error reply when the connection can
 // still take one; nothing a client sends or fails to send ends the process.
 // Freed memory is handed back to the system once no call has run for a
 // second.
@@ -121,6 +123,9 @@ class LMServer {
     int fd;
     bool replied = false;    // the reply frame went out (or failed to)
     bool finishing = false;  // counted in finishing_
+    // Whether a quick reply counts the thread as finishing: not for the
+    // accept loop's own calls, as that thread takes nothing from queue_.
+    bool finishingCounts = true;
   };
   // Reads the request of `call` and runs the worker, whose reply is sent the
   // moment the worker gives it; returns a refusal to send instead when the
@@ -138,13 +143,20 @@ class LMServer {
   void poolThread(int fd);
   // Serves one accepted connection and closes it; true when it counted
   // itself as finishing (see finishing_). Never throws.
-  bool serveConnection(int fd);
+  bool serveConnection(int fd, bool finishingCounts = true);
+  // Serves `fd` on the calling thread (the accept loop) when no other call
+  // runs; false, and nothing done, otherwise.
+  bool serveHereIfAlone(int fd);
+  // Accepts and hands on connections while the accept loop is busy with a
+  // call of its own; the kernel wakes it only then. Ends on secondWakeFd_.
+  void secondAcceptor(int listenFd);
   void endThreads();
   void wake();
 
   WorkerFactory factory_;
   LMServerOptions options_;
   int wakeFd_ = -1;
+  int secondWakeFd_ = -1;  // never read: once written, the second acceptor ends
   std::atomic<bool> stopRequested_{false};
 
   std::mutex mutex_;
