@@ -351,10 +351,14 @@ bool LMServer::serveHereIfAlone(int fd) {
   // The connection is served on the thread its connect woke, which spares
   // the call waking a pool thread (on this kind of machine, waking a thread
   // whose processor sleeps costs more than the hand-off saves).
-  serveConnection(fd, /*finishingCounts=*/false);
-  std::lock_guard<std::mutex> lock(mutex_);
-  --active_;
-  lastEnd_ = Clock::now();
+  while (fd >= 0) {
+    serveConnection(fd, /*onLoop=*/true);
+    std::lock_guard<std::mutex> lock(mutex_);
+    loopFinishing_ = false;
+    --active_;
+    lastEnd_ = Clock::now();
+    fd = std::exchange(handedToLoop_, -1);
+  }
   return true;
 }
 
@@ -397,6 +401,14 @@ void LMServer::secondAcceptor(int listenFd) {
       const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd >= 0) {
         ++accepted;
+        {
+          std::lock_guard<std::mutex> lock(mutex_);
+          if (loopFinishing_ && handedToLoop_ < 0) {
+            handedToLoop_ = fd;
+            ++active_;
+            continue;
+          }
+        }
         dispatch(fd);
         continue;
       }
@@ -593,7 +605,10 @@ void LMServer::reply(Call& call, const Outgoing& out) {
   // wait for the client: this thread counts as finishing from here on, and
   // the client's next call, which may come before the thread is back, waits
   // for it rather than for a new, cold thread.
-  if (call.finishingCounts && out.payload.size() <= kQuickReplyBytes) {
+  if (call.onLoop) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    loopFinishing_ = true;
+  } else if (out.payload.size() <= kQuickReplyBytes) {
     std::lock_guard<std::mutex> lock(mutex_);
     ++finishing_;
     call.finishing = true;
@@ -604,9 +619,9 @@ void LMServer::reply(Call& call, const Outgoing& out) {
   }
 }
 
-bool LMServer::serveConnection(int fd, bool finishingCounts) {
+bool LMServer::serveConnection(int fd, bool onLoop) {
   Call call{fd};
-  call.finishingCounts = finishingCounts;
+  call.onLoop = onLoop;
   std::optional<Outgoing> out;
   try {
     out = answer(call);

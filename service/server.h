@@ -81,8 +81,9 @@ struct LMServerOptions {
 // connect woke; while that thread is busy, a second acceptor takes new
 // connections. Connections run in parallel on a pool of threads (at most
 // maxConnections calls at once) that live as long as the server; a
-// connection goes to the thread that was busy last, whose caches are warm. Bad frames get an error reply when the connection can
-// still take one; nothing a client sends or fails to send ends the process.
+// connection goes to the thread that was busy last, whose caches are warm.
+// Bad frames get an error reply when the connection can still take one;
+// nothing a client sends or fails to send ends the process.
 // Freed memory is handed back to the system once no call has run for a
 // second.
 class LMServer {
@@ -123,9 +124,8 @@ class LMServer {
     int fd;
     bool replied = false;    // the reply frame went out (or failed to)
     bool finishing = false;  // counted in finishing_
-    // Whether a quick reply counts the thread as finishing: not for the
-    // accept loop's own calls, as that thread takes nothing from queue_.
-    bool finishingCounts = true;
+    // Served by the accept loop itself (see serveHereIfAlone).
+    bool onLoop = false;
   };
   // Reads the request of `call` and runs the worker, whose reply is sent the
   // moment the worker gives it; returns a refusal to send instead when the
@@ -143,9 +143,10 @@ class LMServer {
   void poolThread(int fd);
   // Serves one accepted connection and closes it; true when it counted
   // itself as finishing (see finishing_). Never throws.
-  bool serveConnection(int fd, bool finishingCounts = true);
+  bool serveConnection(int fd, bool onLoop = false);
   // Serves `fd` on the calling thread (the accept loop) when no other call
-  // runs; false, and nothing done, otherwise.
+  // runs, then any connection handed to it meanwhile; false, and nothing
+  // done, when another call runs.
   bool serveHereIfAlone(int fd);
   // Accepts and hands on connections while the accept loop is busy with a
   // call of its own; the kernel wakes it only then. Ends on secondWakeFd_.
@@ -165,6 +166,11 @@ class LMServer {
   std::vector<Slot*> idle_;  // the most recently idle last
   size_t finishing_ = 0;     // threads sending a small last reply
   size_t active_ = 0;        // connections queued or being served
+  // The accept loop has sent the reply of its own call and is finishing it;
+  // a connection that arrives now is handed to it (handedToLoop_, counted
+  // in active_), as the client's next call usually is.
+  bool loopFinishing_ = false;
+  int handedToLoop_ = -1;
   bool closing_ = false;
   std::chrono::steady_clock::time_point lastEnd_;
 };
