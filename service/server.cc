@@ -219,23 +219,26 @@ void LMServer::serve(LMListener& listener) {
   // This loop waits for connections as the first of two exclusive waiters:
   // the kernel wakes it alone while it waits, and the second acceptor (see
   // secondAcceptor) only while this thread is busy serving a call itself.
-  const int events = epoll_create1(EPOLL_CLOEXEC);
-  auto watch = [&](int ep, int fd, uint32_t flags) {
+  int events = epoll_create1(EPOLL_CLOEXEC);
+  auto watch = [&](int fd, uint32_t flags) {
     epoll_event e{};
     e.events = flags;
     e.data.fd = fd;
-    return epoll_ctl(ep, EPOLL_CTL_ADD, fd, &e) == 0;
+    return epoll_ctl(events, EPOLL_CTL_ADD, fd, &e) == 0;
   };
+  if (events >= 0 && !(watch(wakeFd_, EPOLLIN) && watch(listenFd, EPOLLIN | EPOLLEXCLUSIVE))) {
+    close(events);
+    events = -1;
+  }
   std::thread second;
-  if (events >= 0 && watch(events, wakeFd_, EPOLLIN) &&
-      watch(events, listenFd, EPOLLIN | EPOLLEXCLUSIVE) && secondWakeFd_ >= 0) {
+  if (events < 0 || secondWakeFd_ < 0) {
+    lmLogf("!!! Cannot watch the socket with epoll: %s", errnoText().c_str());
+  } else {
     try {
       second = std::thread(&LMServer::secondAcceptor, this, listenFd);
     } catch (const std::exception& e) {
       lmLogf("!!! Cannot start the second acceptor: %s", e.what());
     }
-  } else {
-    lmLogf("!!! Cannot watch the socket with epoll: %s", errnoText().c_str());
   }
   // Without the second acceptor every call goes to a pool thread.
   const bool mayServeHere = second.joinable();
