@@ -245,19 +245,8 @@ void LMServer::serve(LMListener& listener) {
 
   auto acceptQueued = [&](size_t room) {
     size_t accepted = 0;
-    while (accepted < room) {
-      const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd >= 0) {
-        ++accepted;
-        if (!mayServeHere || !serveHereIfAlone(fd)) dispatch(fd);
-        continue;
-      }
-      if (errno == EINTR || errno == ECONNABORTED) continue;
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-        lmLogf("!!! Cannot accept a connection: %s", errnoText().c_str());
-        usleep(50'000);  // the queue stays readable; don't spin on it
-      }
-      break;
+    for (int fd; accepted < room && (fd = acceptNext(listenFd)) >= 0; ++accepted) {
+      if (!mayServeHere || !serveHereIfAlone(fd)) dispatch(fd);
     }
     if (accepted > 0) trimmed = false;
     return accepted;
@@ -345,6 +334,19 @@ void LMServer::serve(LMListener& listener) {
   endThreads();
 }
 
+int LMServer::acceptNext(int listenFd) {
+  while (true) {
+    const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) return fd;
+    if (errno == EINTR || errno == ECONNABORTED) continue;
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      lmLogf("!!! Cannot accept a connection: %s", errnoText().c_str());
+      usleep(50'000);  // the queue stays readable; don't spin on it
+    }
+    return -1;
+  }
+}
+
 bool LMServer::serveHereIfAlone(int fd) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -400,27 +402,16 @@ void LMServer::secondAcceptor(int listenFd) {
       usleep(static_cast<useconds_t>(kBusyPollInterval.count()) * 1000);
       continue;
     }
-    for (size_t accepted = 0; accepted < room;) {
-      const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd >= 0) {
-        ++accepted;
-        {
-          std::lock_guard<std::mutex> lock(mutex_);
-          if (loopFinishing_ && handedToLoop_ < 0) {
-            handedToLoop_ = fd;
-            ++active_;
-            continue;
-          }
+    for (int fd; room > 0 && (fd = acceptNext(listenFd)) >= 0; --room) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (loopFinishing_ && handedToLoop_ < 0) {
+          handedToLoop_ = fd;
+          ++active_;
+          continue;
         }
-        dispatch(fd);
-        continue;
       }
-      if (errno == EINTR || errno == ECONNABORTED) continue;
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-        lmLogf("!!! Cannot accept a connection: %s", errnoText().c_str());
-        usleep(50'000);
-      }
-      break;
+      dispatch(fd);
     }
   }
   close(events);

@@ -144,6 +144,10 @@ class LMServer {
   // Serves one accepted connection and closes it; true when it counted
   // itself as finishing (see finishing_). Never throws.
   bool serveConnection(int fd, bool onLoop = false);
+  // The next queued connection (non-blocking), or -1 when there is none or
+  // accepting failed (logged; after running out of descriptors or memory
+  // it pauses first, as the queue stays readable).
+  static int acceptNext(int listenFd);
   // Serves `fd` on the calling thread (the accept loop) when no other call
   // runs, then any connection handed to it meanwhile; false, and nothing
   // done, when another call runs.
