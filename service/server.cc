@@ -599,13 +599,15 @@ void LMServer::reply(Call& call, const Outgoing& out) {
   // wait for the client: this thread counts as finishing from here on, and
   // the client's next call, which may come before the thread is back, waits
   // for it rather than for a new, cold thread.
-  if (call.onLoop) {
+  // On the accept loop the same holds for the connection handed to it.
+  if (out.payload.size() <= kQuickReplyBytes) {
     std::lock_guard<std::mutex> lock(mutex_);
-    loopFinishing_ = true;
-  } else if (out.payload.size() <= kQuickReplyBytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++finishing_;
-    call.finishing = true;
+    if (call.onLoop) {
+      loopFinishing_ = true;
+    } else {
+      ++finishing_;
+      call.finishing = true;
+    }
   }
   std::string why;
   if (!lmWriteFrame(call.fd, out.kind, out.payload, Clock::now() + options_.ioTimeout, &why)) {
