@@ -356,14 +356,10 @@ bool LMServer::serveHereIfAlone(int fd) {
   // The connection is served on the thread its connect woke, which spares
   // the call waking a pool thread (on this kind of machine, waking a thread
   // whose processor sleeps costs more than the hand-off saves).
-  while (fd >= 0) {
-    serveConnection(fd, /*onLoop=*/true);
-    std::lock_guard<std::mutex> lock(mutex_);
-    loopFinishing_ = false;
-    --active_;
-    lastEnd_ = Clock::now();
-    fd = std::exchange(handedToLoop_, -1);
-  }
+  serveConnection(fd, /*onLoop=*/true);
+  std::lock_guard<std::mutex> lock(mutex_);
+  --active_;
+  lastEnd_ = Clock::now();
   return true;
 }
 
@@ -402,17 +398,7 @@ void LMServer::secondAcceptor(int listenFd) {
       usleep(static_cast<useconds_t>(kBusyPollInterval.count()) * 1000);
       continue;
     }
-    for (int fd; room > 0 && (fd = acceptNext(listenFd)) >= 0; --room) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (loopFinishing_ && handedToLoop_ < 0) {
-          handedToLoop_ = fd;
-          ++active_;
-          continue;
-        }
-      }
-      dispatch(fd);
-    }
+    for (int fd; room > 0 && (fd = acceptNext(listenFd)) >= 0; --room) dispatch(fd);
   }
   close(events);
 }
@@ -599,15 +585,11 @@ void LMServer::reply(Call& call, const Outgoing& out) {
   // wait for the client: this thread counts as finishing from here on, and
   // the client's next call, which may come before the thread is back, waits
   // for it rather than for a new, cold thread.
-  // On the accept loop the same holds for the connection handed to it.
-  if (out.payload.size() <= kQuickReplyBytes) {
+  // (Not on the accept loop, which takes nothing from queue_.)
+  if (!call.onLoop && out.payload.size() <= kQuickReplyBytes) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (call.onLoop) {
-      loopFinishing_ = true;
-    } else {
-      ++finishing_;
-      call.finishing = true;
-    }
+    ++finishing_;
+    call.finishing = true;
   }
   std::string why;
   if (!lmWriteFrame(call.fd, out.kind, out.payload, Clock::now() + options_.ioTimeout, &why)) {

@@ -149,8 +149,7 @@ class LMServer {
   // it pauses first, as the queue stays readable).
   static int acceptNext(int listenFd);
   // Serves `fd` on the calling thread (the accept loop) when no other call
-  // runs, then any connection handed to it meanwhile; false, and nothing
-  // done, when another call runs.
+  // runs; false, and nothing done, when another call runs.
   bool serveHereIfAlone(int fd);
   // Accepts and hands on connections while the accept loop is busy with a
   // call of its own; the kernel wakes it only then. Ends on secondWakeFd_.
@@ -170,11 +169,6 @@ class LMServer {
   std::vector<Slot*> idle_;  // the most recently idle last
   size_t finishing_ = 0;     // threads sending a small last reply
   size_t active_ = 0;        // connections queued or being served
-  // The accept loop has sent the reply of its own call and is finishing it;
-  // a connection that arrives now is handed to it (handedToLoop_, counted
-  // in active_), as the client's next call usually is.
-  bool loopFinishing_ = false;
-  int handedToLoop_ = -1;
   bool closing_ = false;
   std::chrono::steady_clock::time_point lastEnd_;
 };
