@@ -354,8 +354,8 @@ bool LMServer::serveHereIfAlone(int fd) {
     ++active_;
   }
   // The connection is served on the thread its connect woke, which spares
-  // the call waking a pool thread (on this kind of machine, waking a thread
-  // whose processor sleeps costs more than the hand-off saves).
+  // the call waking a pool thread: on a virtual machine, waking a thread
+  // whose processor sleeps costs more than all the rest of the transport.
   serveConnection(fd, /*onLoop=*/true);
   std::lock_guard<std::mutex> lock(mutex_);
   --active_;
