@@ -10,9 +10,11 @@
 #pragma once
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "kit/cancellation.h"
 #include "kit/value.h"
 
 inline constexpr char16_t kLMErrorDomain[] = u"com.brightmoor.error";
@@ -59,10 +61,20 @@ class LMXPCBaseWorker {
   // The identifier of the call in progress; empty between calls.
   const std::string& uid() const { return uid_; }
 
+  // Raised by whoever runs the call when its answer is no longer wanted (its
+  // time limit ran out, its client went away); work() polls it and, once it
+  // is raised, stops and replies cancellation().message() as the error.
+  // Never null: a worker nobody cancels has one that stays lowered.
+  void setCancellation(std::shared_ptr<LMCancellation> cancellation) {
+    if (cancellation) cancellation_ = std::move(cancellation);
+  }
+  const std::shared_ptr<LMCancellation>& cancellation() const { return cancellation_; }
+
  private:
   LMValue object_;
   std::string uid_;
   ReplyBlock block_;
+  std::shared_ptr<LMCancellation> cancellation_ = std::make_shared<LMCancellation>();
 };
 
 // A fresh random UUID in its usual text form (8-4-4-4-12 upper-case hex).
