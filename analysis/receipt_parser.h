@@ -66,6 +66,11 @@ class LMReceiptParser {
   const LMValue& currency() const { return currency_; }
   const std::optional<LMDate>& date() const { return date_; }
   const std::optional<std::u16string>& address() const { return address_; }
+  // Every currency mention (its key is the currency code) and every gross
+  // and tax term found, in page order.
+  const std::optional<Elements>& currencyFindings() const { return currencyFindings_; }
+  const std::optional<Terms>& termFindings() const { return termFindings_; }
+  const std::optional<Terms>& termTaxFindings() const { return termTaxFindings_; }
 
   // The stages, in the order work() runs them. Public for tests that feed
   // hand-made elements to a single stage.

@@ -5,6 +5,8 @@
 #include "analysis/receipt_parser.h"
 #include "document/pdf_document.h"
 #include "document/receipt_document.h"
+#include "facts/document_facts.h"
+#include "facts/facts_builder.h"
 
 void LMXPCWorker::work() {
   const LMValue* data = (*this)[u"data"];
@@ -14,6 +16,18 @@ void LMXPCWorker::work() {
   }
   const LMData* bytes = data->asData();
   if (!bytes) throw std::invalid_argument("data must be the bytes of a PDF file");
+  std::u16string factsError;
+  const std::optional<LMFactsRequest> facts =
+      lmFactsRequest(*object().asDictionary(), &factsError);
+  if (!facts) {
+    doneWithErrorMessage(factsError);
+    return;
+  }
+  if (facts->wanted && lmLooksLikeXML(*bytes)) {
+    doneWithResult(LMDictionary{{u"facts", lmFactsDictionary(lmFactsFromXML(*facts, *bytes))},
+                                {u"pages", LMArray()}});
+    return;
+  }
   std::shared_ptr<LMPDFDocument> pdf = LMPDFDocument::initWithData(*bytes);
   if (!pdf) {
     doneWithErrorMessage(u"Could not open document");
@@ -41,6 +55,7 @@ void LMXPCWorker::work() {
   }
   LMDictionary result = parser.result();
   result.set(u"pages", std::move(pages));
+  if (facts->wanted) result.set(u"facts", lmFactsDictionary(lmDocumentFacts(*facts, *pdf, parser)));
   doneWithResult(std::move(result));
 }
 

@@ -21,6 +21,7 @@
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
 #include "kit/value.h"
+#include "facts/facts_format.h"
 #include "service/receipt_worker.h"
 #include "service/xpc_client.h"
 
@@ -32,15 +33,17 @@ constexpr const char* kServiceName = "lmreceipt-service";
 
 constexpr const char* kUsage =
     "usage: lmreceipt analyze [--currency CODE] [--tax RATE]... [--format json|summary]\n"
+    "                         [--no-facts | --facts-from best|text|e-invoice]\n"
     "                         [--jobs N] [--verbose] FILE...\n"
     "       lmreceipt call [--currency CODE] [--tax RATE]... [--format json|summary]\n"
+    "                      [--no-facts | --facts-from best|text|e-invoice]\n"
     "                      [--verbose] FILE...\n"
     "       lmreceipt --help\n";
 
 constexpr const char* kHelp =
-    "lmreceipt analyses receipt and invoice PDFs and prints the bookkeeping facts:\n"
-    "gross, net and tax amount, currency and document date, with the findings they\n"
-    "rest on.\n"
+    "lmreceipt analyses receipt and invoice PDFs (and e-invoice XML files) and\n"
+    "prints the bookkeeping facts: gross, net and tax amount, currency and document\n"
+    "date, with the findings they rest on.\n"
     "\n"
     "  lmreceipt analyze [options] FILE...   analyse in this process\n"
     "  lmreceipt call [options] FILE...      the same through the service\n"
@@ -52,6 +55,11 @@ constexpr const char* kHelp =
     "  --format FORMAT    json (default): the whole result as JSON; one object for\n"
     "                     one file, one object per line with a \"file\" key for\n"
     "                     several; summary: one readable line per file\n"
+    "  --facts-from SOURCE where the facts come from: best (default: the embedded\n"
+    "                     e-invoice when there is a usable one, else the page\n"
+    "                     text), text, or e-invoice\n"
+    "  --no-facts         the standard result alone, without \"facts\" (summary:\n"
+    "                     the standard analysis's values)\n"
     "  --jobs N           analyze only: files analysed in parallel (default: the\n"
     "                     number of cores); results are printed in the order of the\n"
     "                     files\n"
@@ -61,8 +69,11 @@ constexpr const char* kHelp =
     "  --help             this text\n"
     "\n"
     "In JSON, amounts are decimal texts (\"12.5\"), dates whole Unix seconds as text,\n"
-    "and \"pages\" holds each page's plain text. A file that cannot be analysed prints\n"
-    "{\"file\": ..., \"error\": ...}; the other files are still analysed.\n"
+    "and \"pages\" holds each page's plain text. \"facts\" (see docs/facts.md) holds\n"
+    "money as text with the currency's decimal places (\"84.60\") and dates as\n"
+    "\"YYYY-MM-DD\". An e-invoice XML file gives \"facts\" and an empty \"pages\".\n"
+    "A file that cannot be analysed prints {\"file\": ..., \"error\": ...}; the\n"
+    "other files are still analysed.\n"
     "\n"
     "call sends the files one at a time to the service lmreceipt-service over its\n"
     "local socket ($XDG_RUNTIME_DIR/lmreceipt-service.sock, or\n"
@@ -83,6 +94,8 @@ struct Options {
   LMValue currency = LMValue(u"");
   LMArray taxes;
   bool summary = false;
+  bool facts = true;
+  const char16_t* factsFrom = u"best";
   unsigned jobs = 0;
   bool verbose = false;
   std::vector<std::string> files;
@@ -165,6 +178,10 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
     LMDictionary task{{u"data", std::move(*bytes)},
                       {u"currency", options.currency},
                       {u"taxes", options.taxes}};
+    if (options.facts) {
+      task.set(u"facts", true);
+      task.set(u"factsFrom", options.factsFrom);
+    }
     reply = perform(task);
   }
   if (reply.error || !reply.result || !reply.result->asDictionary()) {
@@ -174,6 +191,8 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
     return {false, lmUtf8(LMValue(errorObject).toJSON().value_or(u"{}"))};
   }
   const LMDictionary& result = *reply.result->asDictionary();
+  const LMDictionary* facts = options.facts ? result.at(u"facts").asDictionary() : nullptr;
+  if (options.summary && facts) return {true, lmFactsSummary(path, *facts)};
   if (options.summary) {
     const LMValue& date = result.at(u"date");
     const std::string day = date.asDate() ? lmUtf8(date.asDate()->descriptionDate()) : "-";
@@ -187,6 +206,10 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
   LMDictionary output;
   if (withFileKey) output.set(u"file", lmUtf16(path));
   for (const auto& entry : result) {
+    if (entry.key == u"facts" && facts) {
+      output.set(u"facts", lmFactsJSONObject(*facts));
+      continue;
+    }
     if (entry.key != u"pages") {
       output.set(entry.key.view(), entry.value);
       continue;
@@ -314,6 +337,14 @@ int main(int argc, char** argv) {
         return usageError("--format needs json or summary");
       }
       options.summary = *v == "summary";
+    } else if (a == "--no-facts") {
+      options.facts = false;
+    } else if (a == "--facts-from") {
+      const std::string* v = value("--facts-from");
+      if (!v || (*v != "best" && *v != "text" && *v != "e-invoice")) {
+        return usageError("--facts-from needs best, text or e-invoice");
+      }
+      options.factsFrom = *v == "text" ? u"text" : *v == "e-invoice" ? u"e-invoice" : u"best";
     } else if (a == "--verbose" || a == "-v") {
       options.verbose = true;
     } else if ((a == "--jobs" || a == "-j") && options.viaService) {

@@ -1,0 +1,108 @@
+#include "facts/facts_builder.h"
+
+#include "facts/einvoice_facts.h"
+#include "facts/text_facts.h"
+#include "kit/date.h"
+
+namespace {
+
+LMDecimal magnitude(const LMDecimal& d) { return d.isNegative() ? -d : d; }
+
+bool pageShowsAmount(const LMReceiptParser& parser, const LMDecimal& amount) {
+  if (!parser.numbers()) return false;
+  const LMDecimal wanted = magnitude(amount);
+  for (const auto& n : *parser.numbers()) {
+    if (n && magnitude(n->decimalNumber()) == wanted) return true;
+  }
+  return false;
+}
+
+bool pageShowsDay(const LMReceiptParser& parser, const std::u16string& day) {
+  if (!parser.dates()) return false;
+  for (const auto& d : *parser.dates()) {
+    if (d && d->date() && d->date()->descriptionDate() == day) return true;
+  }
+  return false;
+}
+
+// nullopt when the page mentions no currency at all: then it cannot disagree.
+std::optional<bool> pageShowsCurrency(const LMReceiptParser& parser, const std::u16string& code) {
+  if (!parser.currencyFindings() || parser.currencyFindings()->empty()) return std::nullopt;
+  for (const auto& e : *parser.currencyFindings()) {
+    if (e && e->key() == code) return true;
+  }
+  return false;
+}
+
+template <typename T>
+LMValue orNull(const std::optional<T>& value) {
+  return value ? LMValue(*value) : LMValue::null();
+}
+
+LMArray conflicts(const LMFacts& einvoice, const LMFacts& text, const LMReceiptParser& parser) {
+  LMArray out;
+  auto add = [&](const char16_t* field, LMValue eValue, LMValue tValue) {
+    out.emplace_back(
+        LMDictionary{{u"field", field}, {u"eInvoice", std::move(eValue)}, {u"text", std::move(tValue)}});
+  };
+  if (einvoice.gross && !pageShowsAmount(parser, *einvoice.gross)) {
+    add(u"gross", *einvoice.gross, orNull(text.gross));
+  }
+  if (einvoice.issueDate && !pageShowsDay(parser, *einvoice.issueDate)) {
+    add(u"issueDate", *einvoice.issueDate, orNull(text.issueDate));
+  }
+  if (einvoice.currency && pageShowsCurrency(parser, *einvoice.currency) == false) {
+    add(u"currency", *einvoice.currency, orNull(text.currency));
+  }
+  return out;
+}
+
+}  // namespace
+
+LMFacts lmBuildFacts(const LMFactsRequest& request, const LMReceiptParser* parser,
+                     const LMEInvoiceSelection* selection, std::u16string_view attachment) {
+  LMFacts text;
+  if (parser) {
+    text = lmTextFacts(*parser);
+  } else {
+    text.checks.push_back({u"page-text", false, u"no page text"});
+  }
+  const bool found = selection && selection->index;
+  const bool usable = found && selection->reading.invoice;
+  LMFacts einvoice;
+  if (usable) einvoice = lmEInvoiceFacts(selection->reading, attachment, selection->count);
+
+  LMFacts facts;
+  if (request.source == LMFactsSource::kText || (request.source == LMFactsSource::kBest && !usable)) {
+    facts = text;
+    facts.eInvoice = einvoice.eInvoice;
+  } else if (usable) {
+    facts = einvoice;
+    for (const LMFactsCheck& c : text.checks) facts.checks.push_back(c);
+  } else {
+    // "e-invoice" asked for and none usable: every value stays null.
+    facts.checks = text.checks;
+  }
+  if (found && !usable && request.source != LMFactsSource::kText) {
+    facts.checks.push_back({u"einvoice-used", false, selection->reading.failure});
+  } else if (!found && request.source == LMFactsSource::kEInvoice) {
+    facts.checks.push_back({u"einvoice-used", false, u"no e-invoice in the document"});
+  }
+  if (usable && parser && parser->text()) facts.conflicts = conflicts(einvoice, text, *parser);
+  return facts;
+}
+
+LMFacts lmFactsFromXML(const LMFactsRequest& request, std::span<const uint8_t> xml) {
+  LMEInvoiceSelection selection;
+  selection.index = 0;
+  selection.reading = lmReadEInvoice(xml);
+  selection.count = selection.reading.invoice ? 1 : 0;
+  return lmBuildFacts(request, nullptr, &selection, u"");
+}
+
+bool lmLooksLikeXML(std::span<const uint8_t> bytes) {
+  size_t i = 0;
+  if (bytes.size() >= 3 && bytes[0] == 0xEF && bytes[1] == 0xBB && bytes[2] == 0xBF) i = 3;
+  while (i < bytes.size() && (bytes[i] == ' ' || bytes[i] == '\t' || bytes[i] == '\r' || bytes[i] == '\n')) ++i;
+  return i < bytes.size() && bytes[i] == '<';
+}
