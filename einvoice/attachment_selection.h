@@ -39,7 +39,8 @@ struct LMEInvoiceSelection {
 // The e-invoice among `candidates`: of the files whose root is a supported
 // e-invoice, the first that the document's /AF names with relationship
 // Alternative, Data or Source, else the first. Without any, the first file
-// that is meant as an invoice but cannot be used (an unsupported invoice
-// syntax, or a file the /AF names as such data or declared as XML that does
-// not read), so that the caller can say why; else nothing. Never throws.
+// that is meant as an invoice but cannot be used (an invoice root in an
+// unsupported syntax, or a file declared as XML by its MIME type or name
+// that is no readable XML), so that the caller can say why; else nothing.
+// XML of another kind is no e-invoice. Never throws.
 LMEInvoiceSelection lmSelectEInvoice(std::span<const LMEInvoiceCandidate> candidates);

@@ -164,11 +164,12 @@ struct LMEInvoiceReading {
 
 // What the root element says about the XML, without reading it further.
 enum class LMEInvoiceSyntax {
-  kNone,         // not XML, or XML of another kind
+  kNone,         // well-formed XML of another kind
   kUnsupported,  // an invoice-like root in a namespace this reader does not read
   kCII,
   kCII10,
   kUBL,
+  kNotXml,       // not well-formed XML, or over a limit
 };
 
 // Limits of the reader; the XML is refused beyond them.
@@ -180,12 +181,16 @@ inline constexpr int kLMEInvoiceMaxDepth = 64;
 LMEInvoiceSyntax lmRecognizeEInvoice(std::span<const uint8_t> xml);
 
 // Reads an e-invoice. Never throws. Bytes over kLMEInvoiceMaxBytes, elements
-// nested deeper than kLMEInvoiceMaxDepth, no XML, an unsupported root, a
-// second invoice root, a missing or unreadable total (net, tax, gross when
-// the document states them, and gross itself), or a missing or malformed
-// currency give a reading without a record and the failure text. A bad
-// optional value (an impossible due date) is left null and listed as a
+// nested deeper than kLMEInvoiceMaxDepth, a document type declaration, no
+// XML, an unsupported root, a second invoice in the file, a missing gross
+// total, any stated total that is not a number (see below), or a missing or
+// malformed currency give a reading without a record and the failure text.
+// Other totals may be absent (null). A bad optional value (an impossible due
+// date, a line amount that is no number) is left null and listed as a
 // failed "field" check.
+//
+// Numbers are read as XML writes decimals: an optional sign, digits and at
+// most one point, at most 18 digits; anything else is not a number.
 LMEInvoiceReading lmReadEInvoice(std::span<const uint8_t> xml);
 
 // "credit-note" for the UNTDID 1001 credit-note codes (381, 261, 262, 296,
