@@ -44,6 +44,31 @@ struct LMPdfLink {
 inline constexpr char16_t kLMPdfFontNameAttribute[] = u"LMFontName";
 inline constexpr char16_t kLMPdfFontSizeAttribute[] = u"LMFontSize";
 
+// A file embedded in the PDF (in the EmbeddedFiles name tree, the
+// document's /AF array or a file-attachment annotation).
+struct LMPdfAttachment {
+  // The file name (/UF, else /F, else the name tree's key).
+  std::u16string name;
+  // The declared MIME type (the embedded stream's /Subtype), e.g.
+  // "text/xml"; empty when none.
+  std::u16string mimeType;
+  // The file specification's /AFRelationship ("Alternative", "Data",
+  // "Source", "Supplement", "Unspecified"); empty when none.
+  std::u16string relationship;
+  // True when the document's /AF array names the file.
+  bool inAF = false;
+  // The decoded contents; empty when `failure` is set.
+  std::vector<uint8_t> bytes;
+  // Why the contents could not be read ("over the size limit", "damaged
+  // stream", ...); empty when they were.
+  std::u16string failure;
+};
+
+// Bounds of attachment reading: one file's decoded size, and all together.
+inline constexpr size_t kLMPdfAttachmentMaxBytes = 16u << 20;
+inline constexpr size_t kLMPdfAttachmentsMaxTotalBytes = 64u << 20;
+inline constexpr size_t kLMPdfAttachmentsMaxCount = 64;
+
 class LMPdfFilePage {
  public:
   virtual ~LMPdfFilePage() = default;
@@ -86,6 +111,13 @@ class LMPdfFile {
   // The whole document's text: the pages' strings joined with "\n";
   // nullopt when no page has text.
   virtual std::optional<std::u16string> string() const = 0;
+  // The embedded files, each once, in this order: the /AF array's, the
+  // EmbeddedFiles name tree's, then those of file-attachment annotations
+  // page by page. At most kLMPdfAttachmentsMaxCount; a file over
+  // kLMPdfAttachmentMaxBytes, or past kLMPdfAttachmentsMaxTotalBytes for all,
+  // is listed with a failure and no bytes. A PDF inside is listed like any
+  // file, not opened. Empty when there are none (the default).
+  virtual std::vector<LMPdfAttachment> attachments() const { return {}; }
 };
 
 // Opens PDF bytes with MuPDF. Null for bytes that are no readable PDF (an

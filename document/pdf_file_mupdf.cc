@@ -25,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "document/pdf_attachments_mupdf.h"
 #include "document/pdf_file.h"
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
@@ -537,6 +538,10 @@ class MuPdfFile final : public LMPdfFile {
     }
     if (!anyText) return std::nullopt;
     return text;
+  }
+
+  std::vector<LMPdfAttachment> attachments() const override {
+    return lmReadPdfAttachments(document_->ctx(), document_->doc());
   }
 
  private:

@@ -2,7 +2,7 @@
 # Runs the fuzz targets side by side, each for SECONDS (default 60), from the
 # committed seeds, and prints executions, coverage and crashes per target.
 #
-# usage: scripts/fuzz.sh [SECONDS] [TARGET...]      targets: pdf text archive request
+# usage: scripts/fuzz.sh [SECONDS] [TARGET...]      targets: pdf text archive request einvoice
 #
 # Builds the targets first (clang with AddressSanitizer and
 # UndefinedBehaviorSanitizer, in build-hardening/). Crashing inputs are kept
@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 seconds="${1:-60}"
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(pdf text archive request)
+[ ${#targets[@]} -gt 0 ] || targets=(pdf text archive request einvoice)
 
 scripts/install-deps.sh
 scripts/configure-hardening.sh
@@ -27,6 +27,8 @@ pids=()
 for t in "${targets[@]}"; do
   mkdir -p "$work/$t" "$work/art-$t"
   if [ -d "fuzz/corpus/$t" ]; then cp -r "fuzz/corpus/$t/." "$work/$t/"; fi
+  # The e-invoice reader starts from the reader's own test files.
+  if [ "$t" = einvoice ]; then cp testdata/einvoice/*.xml "$work/$t/"; fi
   "build-hardening/fuzz/lm_fuzz_$t" "$work/$t" -max_total_time="$seconds" -timeout=30 \
     -rss_limit_mb=4096 -max_len=1048576 -print_final_stats=1 \
     -artifact_prefix="$work/art-$t/" >"$work/$t.log" 2>&1 &
