@@ -1,38 +1,11 @@
 #include "facts/facts_builder.h"
 
 #include "facts/einvoice_facts.h"
+#include "facts/page_check.h"
 #include "facts/text_facts.h"
 #include "kit/date.h"
 
 namespace {
-
-LMDecimal magnitude(const LMDecimal& d) { return d.isNegative() ? -d : d; }
-
-bool pageShowsAmount(const LMReceiptParser& parser, const LMDecimal& amount) {
-  if (!parser.numbers()) return false;
-  const LMDecimal wanted = magnitude(amount);
-  for (const auto& n : *parser.numbers()) {
-    if (n && magnitude(n->decimalNumber()) == wanted) return true;
-  }
-  return false;
-}
-
-bool pageShowsDay(const LMReceiptParser& parser, const std::u16string& day) {
-  if (!parser.dates()) return false;
-  for (const auto& d : *parser.dates()) {
-    if (d && d->date() && d->date()->descriptionDate() == day) return true;
-  }
-  return false;
-}
-
-// nullopt when the page mentions no currency at all: then it cannot disagree.
-std::optional<bool> pageShowsCurrency(const LMReceiptParser& parser, const std::u16string& code) {
-  if (!parser.currencyFindings() || parser.currencyFindings()->empty()) return std::nullopt;
-  for (const auto& e : *parser.currencyFindings()) {
-    if (e && e->key() == code) return true;
-  }
-  return false;
-}
 
 template <typename T>
 LMValue orNull(const std::optional<T>& value) {
@@ -45,13 +18,13 @@ LMArray conflicts(const LMFacts& einvoice, const LMFacts& text, const LMReceiptP
     out.emplace_back(
         LMDictionary{{u"field", field}, {u"eInvoice", std::move(eValue)}, {u"text", std::move(tValue)}});
   };
-  if (einvoice.gross && !pageShowsAmount(parser, *einvoice.gross)) {
+  if (einvoice.gross && !lmPageShowsAmount(parser, *einvoice.gross)) {
     add(u"gross", *einvoice.gross, orNull(text.gross));
   }
-  if (einvoice.issueDate && !pageShowsDay(parser, *einvoice.issueDate)) {
+  if (einvoice.issueDate && !lmPageShowsDay(parser, *einvoice.issueDate)) {
     add(u"issueDate", *einvoice.issueDate, orNull(text.issueDate));
   }
-  if (einvoice.currency && pageShowsCurrency(parser, *einvoice.currency) == false) {
+  if (einvoice.currency && lmPageShowsCurrency(parser, *einvoice.currency) == false) {
     add(u"currency", *einvoice.currency, orNull(text.currency));
   }
   return out;

@@ -6,10 +6,11 @@
 
 namespace {
 
-// Money keys wherever they stand in the facts dictionary.
+// Money keys wherever they stand in the facts dictionary (only decimals
+// under them are money: "text" is also evidence's printed text).
 bool isMoneyKey(std::u16string_view key) {
-  static constexpr std::array<std::u16string_view, 7> kKeys = {
-      u"gross", u"net", u"tax", u"due", u"amount", u"unitPrice", u"value"};
+  static constexpr std::array<std::u16string_view, 9> kKeys = {
+      u"gross", u"net", u"tax", u"due", u"amount", u"unitPrice", u"value", u"eInvoice", u"text"};
   for (std::u16string_view k : kKeys) {
     if (k == key) return true;
   }

@@ -32,6 +32,10 @@ def run(tool, *args):
     return subprocess.run([tool, "analyze", *args], capture_output=True, text=True, timeout=120)
 
 
+def standard(tool, *args):
+    return run(tool, "--no-facts", *args)
+
+
 def local_day(seconds_text):
     return datetime.datetime.fromtimestamp(int(seconds_text)).strftime("%Y-%m-%d")
 
@@ -41,7 +45,7 @@ def main():
     sample = os.path.join(testdata, "sample-receipt.pdf")
 
     # One file: one JSON object with the 21 keys plus "pages".
-    out = run(tool, "--tax", "19", "--tax", "7", sample)
+    out = standard(tool, "--tax", "19", "--tax", "7", sample)
     check("sample exit status", out.returncode == 0, out.stderr)
     result = json.loads(out.stdout)
     check("result keys", list(result) == RESULT_KEYS + ["pages"], list(result))
@@ -59,20 +63,20 @@ def main():
     check("banks", result["banks"][0]["iban"] == "DE89370400440532013000", result["banks"])
 
     # Default currency only when the document names none.
-    out = run(tool, "--currency", "CHF", os.path.join(testdata, "pdf", "two_pages.pdf"))
+    out = standard(tool, "--currency", "CHF", os.path.join(testdata, "pdf", "two_pages.pdf"))
     two = json.loads(out.stdout)
     check("default currency", two["currency"] == "CHF", two["currency"])
     check("no gross", two["gross"] is None and two["net"] is None and two["tax"] is None)
     check("two pages", two["pages"] == ["Erste Seite", "Zweite Seite"], two["pages"])
 
     # Pages without text stay in "pages" as empty texts.
-    no_text = json.loads(run(tool, os.path.join(testdata, "pdf", "no_text.pdf")).stdout)
+    no_text = json.loads(standard(tool, os.path.join(testdata, "pdf", "no_text.pdf")).stdout)
     check("empty page", no_text["pages"] == [""], no_text["pages"])
 
     # Errors: garbage and empty files; the other files are still analysed.
     with tempfile.NamedTemporaryFile(suffix=".pdf") as empty:
         garbage = os.path.join(testdata, "pdf", "garbage.pdf")
-        out = run(tool, garbage, sample, empty.name)
+        out = standard(tool, garbage, sample, empty.name)
         check("error exit status", out.returncode == 1, out.returncode)
         lines = [json.loads(line) for line in out.stdout.splitlines()]
         check("one line per file", len(lines) == 3, out.stdout)
@@ -90,11 +94,34 @@ def main():
     check("missing error", len(lines) == 2 and
           lines[1].get("error") == "Could not read file: No such file or directory", out.stdout)
 
-    out = run(tool, "--format", "summary", sample)
+    out = standard(tool, "--format", "summary", sample)
     check("summary", out.stdout.strip() ==
           sample + ": gross 15.30 net 15.30 tax 1.00 currency EUR date 2026-11-14", out.stdout)
 
-    for bad in (["--format", "xml", sample], ["--tax", "abc", sample], ["--jobs", "0", sample],
+    # Facts: on by default, after the standard keys; e-invoice XML accepted.
+    out = run(tool, "--tax", "19", sample)
+    result = json.loads(out.stdout)
+    check("facts last", list(result) == RESULT_KEYS + ["pages", "facts"], list(result))
+    facts = result["facts"]
+    check("text facts", facts["source"] == "text" and facts["gross"] == "15.30" and
+          facts["net"] is None and facts["currency"] == "EUR", facts)
+    out = run(tool, "--format", "summary", sample)
+    check("facts summary", out.stdout.strip() ==
+          sample + ": gross 15.30? net - tax - EUR? date 2026-11-14? (text)", out.stdout)
+    out = run(tool, "--facts-from", "e-invoice", "--format", "summary", sample)
+    check("no e-invoice", out.stdout.strip().endswith(
+          "gross - net - tax - - date - (-); ! check einvoice-used failed"), out.stdout)
+    xml = os.path.join(testdata, "einvoice", "ubl-creditnote.xml")
+    out = run(tool, xml)
+    reply = json.loads(out.stdout)
+    check("xml reply", list(reply) == ["facts", "pages"] and reply["pages"] == [] and
+          reply["facts"]["source"] == "e-invoice" and reply["facts"]["kind"] == "credit-note" and
+          reply["facts"]["gross"].startswith("-"), out.stdout[:300])
+    out = standard(tool, xml)
+    check("xml without facts", json.loads(out.stdout) == {"error": "Could not open document"},
+          out.stdout)
+
+    for bad in (["--format", "xml", sample], ["--facts-from", "pdf", sample], ["--tax", "abc", sample], ["--jobs", "0", sample],
                 ["--bogus", sample], []):
         out = run(tool, *bad)
         check("usage error %s" % bad, out.returncode == 2 and "usage:" in out.stderr, out.stderr)
