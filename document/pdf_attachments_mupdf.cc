@@ -159,13 +159,14 @@ fz_stream* openStream(fz_context* ctx, pdf_obj* stream) {
   return stm;
 }
 
-// Up to `size` bytes; -1 when the stream is damaged.
+// Up to `size` bytes; -1 when the stream is damaged. fz_read reports a
+// decoding error as the end of the data and only marks the stream.
 long readChunk(fz_context* ctx, fz_stream* stm, unsigned char* data, size_t size) {
   long n = 0;
   fz_var(n);
   fz_try(ctx) { n = static_cast<long>(fz_read(ctx, stm, data, size)); }
   fz_catch(ctx) { n = -1; }
-  return n;
+  return stm->error ? -1 : n;
 }
 
 void dropStream(fz_context* ctx, fz_stream* stm) {
