@@ -258,6 +258,7 @@ TEST(EInvoiceTest, HostileOrBrokenXmlGivesAReason) {
        replaced(cii, "</rsm:SupplyChainTradeTransaction>",
                 "</rsm:SupplyChainTradeTransaction><rsm:SupplyChainTradeTransaction/>"),
        "more than one invoice", ""},
+      {"gross twice", replaced(cii, gross, gross + gross), "total stated twice: gross", ""},
       {"two UBL totals",
        replaced(ubl, "<cac:LegalMonetaryTotal>", "<cac:LegalMonetaryTotal/><cac:LegalMonetaryTotal>"),
        "more than one invoice", ""},
