@@ -54,10 +54,10 @@ class PdfWithFiles {
       if (!f.mime.empty()) dict += " /Subtype /" + f.mime;
       if (f.compressed || f.damaged) dict += " /Filter /FlateDecode";
       const int stream = pdf.add(dict + " >>\nstream\n" + data + "\nendstream");
-      std::string dict = "<< /F (" + f.name + ") /UF (" + f.name +
-                         ") /EF << /F " + ref(stream) + " >>";
-      if (!f.relationship.empty()) dict += " /AFRelationship /" + f.relationship;
-      const int fs = pdf.add(dict + " >>");
+      std::string entry = "<< /F (" + f.name + ") /UF (" + f.name +
+                          ") /EF << /F " + ref(stream) + " >>";
+      if (!f.relationship.empty()) entry += " /AFRelationship /" + f.relationship;
+      const int fs = pdf.add(entry + " >>");
       if (f.inTree) tree += "(" + f.name + ") " + ref(fs) + " ";
       if (f.inAF) af += ref(fs) + " ";
       if (f.inAnnotation) {
