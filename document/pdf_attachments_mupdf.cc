@@ -72,18 +72,18 @@ int length(fz_context* ctx, pdf_obj* obj) {
   return n;
 }
 
-// What one entry of a list names: a file specification with an embedded
-// stream, or nothing. `key` is the name tree's key (or null).
+// What one entry of a list names: a file dictionary with an embedded stream,
+// or nothing. `key` is the name tree's key (or null).
 struct Entry {
-  pdf_obj* spec = nullptr;  // resolved, not kept (the list holds it)
+  pdf_obj* dict = nullptr;  // resolved, not kept (the list holds it)
   pdf_obj* key = nullptr;
 };
 
 Entry arrayEntry(fz_context* ctx, pdf_obj* array, int i) {
   Entry e;
   fz_var(e);
-  fz_try(ctx) { e.spec = pdf_resolve_indirect(ctx, pdf_array_get(ctx, array, i)); }
-  fz_catch(ctx) { e.spec = nullptr; }
+  fz_try(ctx) { e.dict = pdf_resolve_indirect(ctx, pdf_array_get(ctx, array, i)); }
+  fz_catch(ctx) { e.dict = nullptr; }
   return e;
 }
 
@@ -92,54 +92,54 @@ Entry treeEntry(fz_context* ctx, pdf_obj* tree, int i) {
   fz_var(e);
   fz_try(ctx) {
     e.key = pdf_dict_get_key(ctx, tree, i);
-    e.spec = pdf_resolve_indirect(ctx, pdf_dict_get_val(ctx, tree, i));
+    e.dict = pdf_resolve_indirect(ctx, pdf_dict_get_val(ctx, tree, i));
   }
   fz_catch(ctx) { e = Entry(); }
   return e;
 }
 
-// A file-attachment annotation's file specification.
+// A file-attachment annotation's file dictionary.
 Entry annotationEntry(fz_context* ctx, pdf_obj* annots, int i) {
   Entry e;
   fz_var(e);
   fz_try(ctx) {
     pdf_obj* annot = pdf_array_get(ctx, annots, i);
     if (pdf_name_eq(ctx, pdf_dict_get(ctx, annot, PDF_NAME(Subtype)), PDF_NAME(FileAttachment))) {
-      e.spec = pdf_resolve_indirect(ctx, pdf_dict_get(ctx, annot, PDF_NAME(FS)));
+      e.dict = pdf_resolve_indirect(ctx, pdf_dict_get(ctx, annot, PDF_NAME(FS)));
     }
   }
-  fz_catch(ctx) { e.spec = nullptr; }
+  fz_catch(ctx) { e.dict = nullptr; }
   return e;
 }
 
-// The plain facts of a file specification; pointers into MuPDF's objects,
+// The plain facts of a file dictionary; pointers into MuPDF's objects,
 // valid while the document is open.
-struct SpecFacts {
+struct FileFacts {
   pdf_obj* stream = nullptr;
   const char* name = nullptr;
   const char* mimeType = nullptr;
   const char* relationship = nullptr;
 };
 
-SpecFacts specFacts(fz_context* ctx, pdf_obj* spec) {
-  SpecFacts f;
+FileFacts fileFacts(fz_context* ctx, pdf_obj* dict) {
+  FileFacts f;
   fz_var(f);
   fz_try(ctx) {
-    pdf_obj* ef = pdf_dict_get(ctx, spec, PDF_NAME(EF));
+    pdf_obj* ef = pdf_dict_get(ctx, dict, PDF_NAME(EF));
     f.stream = pdf_dict_get(ctx, ef, PDF_NAME(UF));
     if (!pdf_is_stream(ctx, f.stream)) f.stream = pdf_dict_get(ctx, ef, PDF_NAME(F));
     if (!pdf_is_stream(ctx, f.stream)) f.stream = nullptr;
-    pdf_obj* name = pdf_dict_get(ctx, spec, PDF_NAME(UF));
-    if (!pdf_is_string(ctx, name)) name = pdf_dict_get(ctx, spec, PDF_NAME(F));
+    pdf_obj* name = pdf_dict_get(ctx, dict, PDF_NAME(UF));
+    if (!pdf_is_string(ctx, name)) name = pdf_dict_get(ctx, dict, PDF_NAME(F));
     if (pdf_is_string(ctx, name)) f.name = pdf_to_text_string(ctx, name);
     if (f.stream) {
       pdf_obj* subtype = pdf_dict_get(ctx, f.stream, PDF_NAME(Subtype));
       if (pdf_is_name(ctx, subtype)) f.mimeType = pdf_to_name(ctx, subtype);
     }
-    pdf_obj* relationship = pdf_dict_gets(ctx, spec, "AFRelationship");
+    pdf_obj* relationship = pdf_dict_gets(ctx, dict, "AFRelationship");
     if (pdf_is_name(ctx, relationship)) f.relationship = pdf_to_name(ctx, relationship);
   }
-  fz_catch(ctx) { f = SpecFacts(); }
+  fz_catch(ctx) { f = FileFacts(); }
   return f;
 }
 
@@ -159,13 +159,14 @@ fz_stream* openStream(fz_context* ctx, pdf_obj* stream) {
   return stm;
 }
 
-// Up to `size` bytes; -1 when the stream is damaged.
+// Up to `size` bytes; -1 when the stream is damaged. fz_read reports a
+// decoding error as the end of the data and only marks the stream.
 long readChunk(fz_context* ctx, fz_stream* stm, unsigned char* data, size_t size) {
   long n = 0;
   fz_var(n);
   fz_try(ctx) { n = static_cast<long>(fz_read(ctx, stm, data, size)); }
   fz_catch(ctx) { n = -1; }
-  return n;
+  return stm->error ? -1 : n;
 }
 
 void dropStream(fz_context* ctx, fz_stream* stm) {
@@ -212,22 +213,22 @@ class Collector {
   explicit Collector(fz_context* ctx) : ctx_(ctx) {}
 
   void add(Entry entry, bool inAF) {
-    if (!entry.spec) return;
+    if (!entry.dict) return;
     auto same = std::find_if(found_.begin(), found_.end(),
-                             [&](const Found& f) { return f.spec == entry.spec; });
+                             [&](const Found& f) { return f.dict == entry.dict; });
     if (same != found_.end()) {
       same->inAF = same->inAF || inAF;
       if (!same->key) same->key = entry.key;
       return;
     }
-    if (found_.size() < kLMPdfAttachmentsMaxCount) found_.push_back({entry.spec, entry.key, inAF});
+    if (found_.size() < kLMPdfAttachmentsMaxCount) found_.push_back({entry.dict, entry.key, inAF});
   }
 
   std::vector<LMPdfAttachment> read() const {
     std::vector<LMPdfAttachment> list;
     size_t budget = kLMPdfAttachmentsMaxTotalBytes;
     for (const Found& f : found_) {
-      SpecFacts facts = specFacts(ctx_, f.spec);
+      FileFacts facts = fileFacts(ctx_, f.dict);
       if (!facts.stream) continue;  // a reference to an outside file
       LMPdfAttachment a;
       a.name = text(facts.name ? facts.name : keyText(ctx_, f.key));
@@ -247,7 +248,7 @@ class Collector {
 
  private:
   struct Found {
-    pdf_obj* spec;
+    pdf_obj* dict;
     pdf_obj* key;
     bool inAF;
   };

@@ -52,7 +52,7 @@ struct LMPdfAttachment {
   // The declared MIME type (the embedded stream's /Subtype), e.g.
   // "text/xml"; empty when none.
   std::u16string mimeType;
-  // The file specification's /AFRelationship ("Alternative", "Data",
+  // The file dictionary's /AFRelationship ("Alternative", "Data",
   // "Source", "Supplement", "Unspecified"); empty when none.
   std::u16string relationship;
   // True when the document's /AF array names the file.

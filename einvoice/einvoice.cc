@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <string_view>
 
 #include <pugixml.hpp>
@@ -79,8 +78,16 @@ void parse(std::span<const uint8_t> bytes, Parsed* out) {
     out->failure = roots == 0 ? u"not XML: no root element" : u"more than one root element";
     return;
   }
-  if (depth(out->root, kLMEInvoiceMaxDepth) > kLMEInvoiceMaxDepth) {
+  // Namespace lookups read the attributes of an element's ancestors; the
+  // bound on both keeps every lookup cheap.
+  const TreeShape shape = measure(out->root, kLMEInvoiceMaxDepth);
+  if (shape.depth > kLMEInvoiceMaxDepth) {
     out->failure = u"nested deeper than " + u16(std::to_string(kLMEInvoiceMaxDepth)) + u" elements";
+    return;
+  }
+  if (shape.attributes > kLMEInvoiceMaxAttributes) {
+    out->failure = u"more than " + u16(std::to_string(kLMEInvoiceMaxAttributes)) +
+                   u" attributes on one element";
     return;
   }
   const std::string_view local = localName(out->root);

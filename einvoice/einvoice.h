@@ -175,16 +175,20 @@ enum class LMEInvoiceSyntax {
 // Limits of the reader; the XML is refused beyond them.
 inline constexpr size_t kLMEInvoiceMaxBytes = 16u << 20;
 inline constexpr int kLMEInvoiceMaxDepth = 64;
+inline constexpr int kLMEInvoiceMaxAttributes = 64;  // on one element
 
 // The syntax of `xml`, from its root element's name and namespace URI alone
 // (never from a file name). Bounded like lmReadEInvoice.
 LMEInvoiceSyntax lmRecognizeEInvoice(std::span<const uint8_t> xml);
 
-// Reads an e-invoice. Never throws. Bytes over kLMEInvoiceMaxBytes, elements
-// nested deeper than kLMEInvoiceMaxDepth, a document type declaration, no
-// XML, an unsupported root, a second invoice in the file, a missing gross
-// total, any stated total that is not a number (see below), or a missing or
-// malformed currency give a reading without a record and the failure text.
+// Reads an e-invoice (UTF-8; a byte-order mark is skipped). Never throws.
+// Bytes over kLMEInvoiceMaxBytes, elements nested deeper than
+// kLMEInvoiceMaxDepth or with more than kLMEInvoiceMaxAttributes attributes,
+// a document type declaration, no XML, an unsupported root, a second
+// invoice in the file, a missing gross total, any stated total that is not a
+// number (see below) or is stated twice, or a missing or malformed currency
+// give a reading without a record and the failure text. Field checks found
+// before the failure stay in `checks`.
 // Other totals may be absent (null). A bad optional value (an impossible due
 // date, a line amount that is no number) is left null and listed as a
 // failed "field" check.

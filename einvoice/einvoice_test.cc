@@ -258,6 +258,7 @@ TEST(EInvoiceTest, HostileOrBrokenXmlGivesAReason) {
        replaced(cii, "</rsm:SupplyChainTradeTransaction>",
                 "</rsm:SupplyChainTradeTransaction><rsm:SupplyChainTradeTransaction/>"),
        "more than one invoice", ""},
+      {"gross twice", replaced(cii, gross, gross + gross), "total stated twice: gross", ""},
       {"two UBL totals",
        replaced(ubl, "<cac:LegalMonetaryTotal>", "<cac:LegalMonetaryTotal/><cac:LegalMonetaryTotal>"),
        "more than one invoice", ""},
@@ -267,6 +268,14 @@ TEST(EInvoiceTest, HostileOrBrokenXmlGivesAReason) {
       {"just past the limit", replaced(cii, "<ram:ID>R-3301</ram:ID>", nested(63)),
        "nested deeper than 64", ""},
       {"at the limit", replaced(cii, "<ram:TypeCode>380</ram:TypeCode>", nested(62)), "", ""},
+      {"too many attributes",
+       replaced(cii, "<ram:ID>R-3301</ram:ID>",
+                [] {
+                  std::string s = "<ram:ID";
+                  for (int i = 0; i < 65; ++i) s += " a" + std::to_string(i) + "=\"\"";
+                  return s + ">R-3301</ram:ID>";
+                }()),
+       "more than 64 attributes on one element", ""},
       {"over the size limit", cii + std::string(kLMEInvoiceMaxBytes, ' '), "over the size limit", ""},
       {"impossible due date", replaced(cii, ">20240414<", ">20231399<"), "", "field"},
       {"due date in another format",

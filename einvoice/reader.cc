@@ -20,7 +20,12 @@ std::optional<LMDecimal> Reading::amount(pugi::xml_node node, const char16_t* fi
   return n.value;
 }
 
-std::optional<LMEInvoiceAmount> Reading::total(pugi::xml_node node, const char16_t* field) {
+std::optional<LMEInvoiceAmount> Reading::total(pugi::xml_node node, const char16_t* field,
+                                               bool single) {
+  if (single && node && nextSame(node, namespaceUri(node), localName(node))) {
+    fail(u"total stated twice: " + std::u16string(field));
+    return std::nullopt;
+  }
   Number n = number(node);
   if (n.state == Number::State::kBad) {
     fail(u"unreadable total: " + std::u16string(field) + u" \"" + n.written + u"\"");
@@ -67,8 +72,11 @@ pugi::xml_node Reading::taxTotals(const std::vector<pugi::xml_node>& candidates)
       chosen = n;
     }
   }
-  if (chosen) invoice.tax = total(chosen, u"tax");
-  if (inTaxCurrency) invoice.taxInTaxCurrency = total(inTaxCurrency, u"tax in tax currency");
+  // One per currency may stand side by side.
+  if (chosen) invoice.tax = total(chosen, u"tax", false);
+  if (inTaxCurrency) {
+    invoice.taxInTaxCurrency = total(inTaxCurrency, u"tax in tax currency", false);
+  }
   return chosen;
 }
 

@@ -40,8 +40,10 @@ struct Reading {
   // An optional number: absent or unreadable is null; unreadable adds a
   // failed "field" check naming `field`.
   std::optional<LMDecimal> amount(pugi::xml_node node, const char16_t* field);
-  // A total: absent is null, unreadable makes the record unusable.
-  std::optional<LMEInvoiceAmount> total(pugi::xml_node node, const char16_t* field);
+  // A total: absent is null; unreadable, or (with `single`) stated twice
+  // side by side, makes the record unusable.
+  std::optional<LMEInvoiceAmount> total(pugi::xml_node node, const char16_t* field,
+                                        bool single = true);
   // A day (see lm_einvoice::day); an unreadable one is null with a check.
   // `where` receives the element's path when the day is read.
   std::optional<LMEInvoiceDay> date(pugi::xml_node node, const char16_t* field,

@@ -1,6 +1,6 @@
 #include "einvoice/xml_tree.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include "kit/strings.h"
 #include "kit/unicode.h"
@@ -95,13 +95,16 @@ std::string path(pugi::xml_node node) {
   return result;
 }
 
-int depth(pugi::xml_node root, int limit) {
-  int deepest = 0;
+TreeShape measure(pugi::xml_node root, int depthLimit) {
+  TreeShape shape;
   int level = 1;
   pugi::xml_node n = root;
   while (n) {
-    if (level > deepest) deepest = level;
-    if (deepest > limit) return deepest;
+    shape.depth = std::max(shape.depth, level);
+    if (shape.depth > depthLimit) return shape;
+    int attributes = 0;
+    for (pugi::xml_attribute a = n.first_attribute(); a; a = a.next_attribute()) ++attributes;
+    shape.attributes = std::max(shape.attributes, attributes);
     pugi::xml_node first = n.first_child();
     while (first && first.type() != pugi::node_element) first = first.next_sibling();
     if (first) {
@@ -122,7 +125,7 @@ int depth(pugi::xml_node root, int limit) {
     }
     if (n == root) break;
   }
-  return deepest;
+  return shape;
 }
 
 std::optional<std::u16string> text(pugi::xml_node node) {

@@ -34,9 +34,14 @@ int countChildren(pugi::xml_node parent, std::string_view ns, std::string_view l
 // "/rsm:Root/ram:Child/..." from the root element down to `node`.
 std::string path(pugi::xml_node node);
 
-// The greatest element nesting depth below `root` (root alone is 1), found
-// without recursion; stops counting at `limit` + 1.
-int depth(pugi::xml_node root, int limit);
+// The greatest element nesting depth below `root` (root alone is 1) and the
+// most attributes any element has, found without recursion; stops when the
+// depth passes `depthLimit`.
+struct TreeShape {
+  int depth = 0;
+  int attributes = 0;
+};
+TreeShape measure(pugi::xml_node root, int depthLimit);
 
 // The element's text without surrounding white space; nullopt when the
 // element is absent or the text is empty.
