@@ -18,6 +18,8 @@ namespace {
 // Pages whose annotations are looked at for attached files.
 constexpr int kMaxAnnotationPages = 2000;
 constexpr size_t kChunk = 64u << 10;
+// What is read first, to tell XML from anything else.
+constexpr size_t kSniffBytes = 256;
 
 // ---- MuPDF calls, each inside its own fz_try. Plain values only.
 
@@ -183,15 +185,33 @@ void dropObject(fz_context* ctx, pdf_obj* obj) {
 
 std::u16string text(const char* utf8) { return utf8 ? lmUtf16(utf8) : std::u16string(); }
 
+// False once the start of `bytes` shows it is no XML text: something other
+// than white space comes first, after an optional UTF-8 byte order mark.
+// A UTF-16 or UTF-32 byte order mark, or white space alone, may still be XML.
+bool mayBeXML(const std::vector<uint8_t>& bytes) {
+  size_t i = 0;
+  if (bytes.size() >= 3 && bytes[0] == 0xEF && bytes[1] == 0xBB && bytes[2] == 0xBF) i = 3;
+  if (!bytes.empty() && (bytes[0] == 0xFE || bytes[0] == 0xFF || bytes[0] == 0x00)) return true;
+  while (i < bytes.size() && (bytes[i] == ' ' || bytes[i] == '\t' || bytes[i] == '\r' || bytes[i] == '\n')) ++i;
+  return i == bytes.size() || bytes[i] == '<';
+}
+
 // Reads `stream` into `out`, at most `limit` bytes; the failure, or empty.
+// A file whose first bytes are no XML is read only that far (`*complete`
+// false): no e-invoice can be in it, and images and documents can be large.
 std::u16string readContents(fz_context* ctx, pdf_obj* stream, size_t limit,
-                            std::vector<uint8_t>* out) {
+                            std::vector<uint8_t>* out, bool* complete) {
+  *complete = true;
   fz_stream* stm = openStream(ctx, stream);
   if (!stm) return u"damaged stream";
   std::vector<unsigned char> chunk(kChunk);
   std::u16string failure;
-  while (true) {
-    const long n = readChunk(ctx, stm, chunk.data(), chunk.size());
+  for (size_t want = kSniffBytes;; want = chunk.size()) {
+    if (!out->empty() && !mayBeXML(*out)) {
+      *complete = false;
+      break;
+    }
+    const long n = readChunk(ctx, stm, chunk.data(), want);
     if (n < 0) {
       failure = u"damaged stream";
       break;
@@ -236,7 +256,7 @@ class Collector {
       a.relationship = text(facts.relationship);
       a.inAF = f.inAF;
       const size_t limit = std::min(kLMPdfAttachmentMaxBytes, budget);
-      a.failure = readContents(ctx_, facts.stream, limit, &a.bytes);
+      a.failure = readContents(ctx_, facts.stream, limit, &a.bytes, &a.complete);
       if (a.failure == u"over the size limit" && limit < kLMPdfAttachmentMaxBytes) {
         a.failure = u"over the size limit of all attachments";
       }

@@ -57,8 +57,10 @@ struct LMPdfAttachment {
   std::u16string relationship;
   // True when the document's /AF array names the file.
   bool inAF = false;
-  // The decoded contents; empty when `failure` is set.
+  // The decoded contents; empty when `failure` is set. Only the first bytes
+  // (`complete` false) of a file that does not start like XML text.
   std::vector<uint8_t> bytes;
+  bool complete = true;
   // Why the contents could not be read ("over the size limit", "damaged
   // stream", ...); empty when they were.
   std::u16string failure;
