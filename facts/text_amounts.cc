@@ -1,0 +1,315 @@
+#include "facts/text_amounts.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+
+#include "analysis/receipt_parser.h"
+
+namespace {
+
+// Candidates per role that the arithmetic search combines.
+constexpr size_t kGrossCandidates = 8;
+// What a label's tie is worth against an amount that the arithmetic needs.
+constexpr double kArithmetic = 0.6;
+constexpr double kRateFits = 0.3;
+constexpr double kZeroTaxReason = 0.3;
+// An amount no label ties may still complete a consistent set.
+constexpr double kUntied = 0.05;
+
+using Cents = int64_t;
+
+struct Amount {
+  const LMFoundNumber* element;
+  Cents cents;  // magnitude
+  double gross = 0, net = 0, tax = 0;
+  const LMLabelHit* grossAnchor = nullptr;
+  const LMLabelHit* netAnchor = nullptr;
+  const LMLabelHit* taxAnchor = nullptr;
+  size_t order = 0;
+};
+
+// The best amount of each value for one role, and sums of several.
+struct RoleValues {
+  struct Entry {
+    const Amount* amount;
+    Cents cents;
+    double score;
+    std::u16string text;
+  };
+  std::map<Cents, Entry> byValue;
+  void offer(const Amount& a, double score) {
+    auto it = byValue.find(a.cents);
+    if (it == byValue.end() || it->second.score < score) {
+      byValue[a.cents] = {&a, a.cents, score, a.element->string().value_or(u"")};
+    }
+  }
+  const Entry* find(Cents c) const {
+    auto it = byValue.find(c);
+    return it == byValue.end() ? nullptr : &it->second;
+  }
+  // The tied amounts of several rows added up, for a total the page splits
+  // by rate without printing it.
+  void offerSum(const std::vector<Amount>& amounts, double Amount::*role) {
+    Cents sum = 0;
+    double score = 0;
+    const Amount* first = nullptr;
+    std::u16string text;
+    int parts = 0;
+    for (const Amount& a : amounts) {
+      if (a.*role < 0.5) continue;
+      sum += a.cents;
+      score += a.*role;
+      if (!first) first = &a;
+      if (!text.empty()) text += u" + ";
+      text += a.element->string().value_or(u"");
+      ++parts;
+    }
+    if (parts < 2 || byValue.count(sum)) return;
+    byValue[sum] = {first, sum, 0.8 * score / parts, text};
+  }
+};
+
+bool followedByPercent(std::u16string_view text, const LMFoundElement& e) {
+  const LMTextRange r = e.range();
+  if (!r.fitsIn(text.size())) return false;
+  size_t i = r.end();
+  while (i < text.size() && text[i] == u' ') ++i;
+  return i < text.size() && text[i] == u'%';
+}
+
+// Tax of `net` at `rateHundredths` percent hundredths, half up to the cent.
+Cents taxAt(Cents net, int64_t rateHundredths) {
+  const __int128 raw = static_cast<__int128>(net) * rateHundredths;
+  return static_cast<Cents>((raw + 5000) / 10000);
+}
+
+int64_t hundredthsOf(const LMDecimal& rate) {
+  return rate.multiplyByPowerOf10(2).decimalNumberByRoundingToDecimalPlaces(0).integerValue();
+}
+
+LMDecimal decimalOf(Cents c) { return LMDecimal::decimalNumberWithAmountInteger(c); }
+
+std::u16string money(Cents c) { return decimalOf(c).stringValue16(); }
+
+struct Combination {
+  Cents gross = 0, net = 0, tax = 0;
+  const RoleValues::Entry* g = nullptr;
+  const RoleValues::Entry* n = nullptr;
+  const RoleValues::Entry* t = nullptr;
+  double score = 0;
+  bool arithmetic = false;
+  std::optional<LMDecimal> rate;
+  const LMLabelHit* zeroReason = nullptr;
+};
+
+LMAmountPick pick(const RoleValues::Entry& e, const LMLabelHit* anchor, double score) {
+  LMAmountPick p;
+  p.element = e.amount->element;
+  p.value = decimalOf(e.cents);
+  p.score = score;
+  p.anchor = anchor;
+  p.text = e.text;
+  p.negative = e.amount->element->integerValue() < 0;
+  return p;
+}
+
+// How sure a value is: its label, the arithmetic, a fitting rate.
+double confidence(double label, bool arithmetic, bool rate) {
+  return std::min(0.98, 0.25 + 0.35 * std::min(label, 1.0) + (arithmetic ? 0.25 : 0) + (rate ? 0.12 : 0));
+}
+
+}  // namespace
+
+std::vector<LMDecimal> lmUsualTaxRates(std::u16string_view country) {
+  static const std::map<std::u16string_view, std::vector<const char*>> kRates = {
+      {u"DE", {"19", "7"}},          {u"AT", {"20", "10", "13"}}, {u"CH", {"8.1", "2.6", "7.7", "2.5"}},
+      {u"FR", {"20", "10", "5.5"}},  {u"IT", {"22", "10", "5", "4"}}, {u"ES", {"21", "10", "4"}},
+      {u"NL", {"21", "9"}},          {u"BE", {"21", "6", "12"}},  {u"GB", {"20", "5"}},
+      {u"NZ", {"15"}},               {u"AU", {"10"}},             {u"IN", {"18", "12", "5", "28"}},
+      {u"SE", {"25", "12", "6"}},    {u"NO", {"25", "15"}},       {u"DK", {"25"}},
+  };
+  std::vector<LMDecimal> out;
+  auto it = kRates.find(country);
+  if (it == kRates.end()) return out;
+  for (const char* r : it->second) out.push_back(*LMDecimal::fromString(std::string_view(r)));
+  return out;
+}
+
+LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout& layout) {
+  LMAmountChoice choice;
+  if (!parser.numbers()) return choice;
+
+  // Every amount with its ties to the roles.
+  std::vector<Amount> amounts;
+  for (const auto& n : *parser.numbers()) {
+    if (!n) continue;
+    if (followedByPercent(layout.pageText(n->page()), *n)) continue;
+    amounts.push_back({n.get(), std::llabs(n->integerValue())});
+  }
+  for (size_t i = 0; i < amounts.size(); ++i) {
+    Amount& a = amounts[i];
+    a.order = i;
+    bool last = true;
+    const LMRect box = a.element->bbox().standardized();
+    for (const Amount& b : amounts) {
+      const LMRect other = b.element->bbox().standardized();
+      if (&b != &a && b.element->page() == a.element->page() && lmSameRow(box, other) && other.x > box.x) {
+        last = false;
+        break;
+      }
+    }
+    const LMRoleTies ties = layout.ties(*a.element, last);
+    const double other = ties.of(LMLabelRole::kOtherAmount);
+    auto role = [&](LMLabelRole r) { return ties.of(r) > other ? ties.of(r) : ties.of(r) * 0.3; };
+    a.gross = role(LMLabelRole::kGross);
+    a.net = role(LMLabelRole::kNet);
+    a.tax = role(LMLabelRole::kTax);
+    a.grossAnchor = ties.anchorOf(LMLabelRole::kGross);
+    a.netAnchor = ties.anchorOf(LMLabelRole::kNet);
+    a.taxAnchor = ties.anchorOf(LMLabelRole::kTax);
+  }
+  if (amounts.empty()) return choice;
+
+  // Later totals, and larger print, win ties: documents end with their total.
+  double largest = 0;
+  for (const Amount& a : amounts) largest = std::max(largest, a.element->fontSize());
+  RoleValues gross, net, tax;
+  for (Amount& a : amounts) {
+    if (a.gross > 0) {
+      a.gross += 0.05 * static_cast<double>(a.order) / amounts.size();
+      if (largest > 0 && a.element->fontSize() >= largest) a.gross += 0.05;
+      gross.offer(a, a.gross);
+    }
+    net.offer(a, std::max(a.net, kUntied));
+    tax.offer(a, std::max(a.tax, kUntied));
+  }
+  net.offerSum(amounts, &Amount::net);
+  tax.offerSum(amounts, &Amount::tax);
+
+  std::vector<LMDecimal> rates = layout.rates();
+  for (const LMDecimal& r : lmUsualTaxRates(layout.country())) {
+    if (std::find(rates.begin(), rates.end(), r) == rates.end()) rates.push_back(r);
+  }
+  auto fittingRate = [&](Cents n, Cents t) -> std::optional<LMDecimal> {
+    for (const LMDecimal& r : rates) {
+      if (taxAt(n, hundredthsOf(r)) == t) return r;
+    }
+    return std::nullopt;
+  };
+  const LMLabelHit* zeroReason = nullptr;
+  for (const LMLabelHit& hit : layout.labels()) {
+    if (hit.label->role == LMLabelRole::kZeroTax) {
+      zeroReason = &hit;
+      break;
+    }
+  }
+
+  std::vector<const RoleValues::Entry*> grossList;
+  for (const auto& [cents, e] : gross.byValue) grossList.push_back(&e);
+  std::sort(grossList.begin(), grossList.end(), [](auto* a, auto* b) { return a->score > b->score; });
+  if (grossList.size() > kGrossCandidates) grossList.resize(kGrossCandidates);
+
+  std::vector<Combination> combos;
+  for (const RoleValues::Entry* g : grossList) {
+    const Cents total = g->cents;
+    Combination alone;
+    alone.gross = total;
+    alone.g = g;
+    alone.score = g->score;
+    combos.push_back(alone);
+    for (const auto& [n, ne] : net.byValue) {
+      if (n <= 0 || n >= total) continue;
+      const RoleValues::Entry* te = tax.find(total - n);
+      if (!te || ne.score + te->score < 0.4 || te->amount == g->amount || ne.amount == g->amount) continue;
+      Combination c = alone;
+      c.net = n;
+      c.tax = total - n;
+      c.n = &ne;
+      c.t = te;
+      c.arithmetic = true;
+      c.rate = fittingRate(n, total - n);
+      c.score = g->score + ne.score + te->score + kArithmetic + (c.rate ? kRateFits : 0);
+      combos.push_back(c);
+    }
+    // No tax: said in words, or a tax label over a printed zero.
+    const RoleValues::Entry* zero = tax.find(0);
+    const bool zeroTied = zero && zero->score >= 0.5;
+    if (zeroReason || zeroTied) {
+      Combination c = alone;
+      c.net = total;
+      c.n = net.find(total);
+      c.t = zeroTied ? zero : nullptr;
+      c.arithmetic = true;
+      c.zeroReason = zeroReason;
+      c.score = g->score + (c.n ? c.n->score : 0) + (zeroTied ? zero->score : 0) + kZeroTaxReason + 0.2;
+      combos.push_back(c);
+    }
+  }
+  if (combos.empty()) return choice;
+  std::stable_sort(combos.begin(), combos.end(), [](const Combination& a, const Combination& b) {
+    return a.score > b.score;
+  });
+  const Combination& best = combos.front();
+  // A close runner-up with other values lowers the confidence of all.
+  double doubt = 1;
+  for (size_t i = 1; i < combos.size(); ++i) {
+    const Combination& c = combos[i];
+    if (c.gross == best.gross && c.net == best.net) continue;
+    if (c.score > best.score - 0.3) doubt = 0.85;
+    break;
+  }
+
+  const bool rate = best.rate.has_value();
+  choice.gross = pick(*best.g, best.g->amount->grossAnchor,
+                      doubt * confidence(best.g->score, best.arithmetic, rate || best.zeroReason));
+  if (best.arithmetic) {
+    const double netLabel = best.n ? best.n->score : 0;
+    if (best.n) {
+      choice.net = pick(*best.n, best.n->amount->netAnchor, doubt * confidence(netLabel, true, rate));
+    } else {
+      choice.net = pick(*best.g, nullptr, doubt * confidence(0, true, best.zeroReason));
+    }
+    if (best.t) {
+      choice.tax = pick(*best.t, best.t->amount->taxAnchor, doubt * confidence(best.t->score, true, rate));
+    } else {
+      LMAmountPick zero = pick(*best.g, best.zeroReason, doubt * confidence(0.5, true, true));
+      zero.value = LMDecimal::zero();
+      zero.text = best.zeroReason ? best.zeroReason->text : u"0";
+      choice.tax = zero;
+    }
+    choice.net->value = decimalOf(best.net);
+    choice.tax->value = decimalOf(best.tax);
+    choice.checks.push_back({u"gross-total", true,
+                             money(best.net) + u" + " + money(best.tax) + u" = " + money(best.gross)});
+    if (rate) {
+      choice.checks.push_back({u"rate-tax", true,
+                               money(best.net) + u" x " + best.rate->stringValue16() + u" % = " + money(best.tax)});
+    } else if (best.zeroReason || best.tax == 0) {
+      choice.checks.push_back({u"rate-tax", true,
+                               u"no tax" + (best.zeroReason ? u": " + best.zeroReason->text : std::u16string())});
+    }
+  }
+
+  // Runners-up: other values the combinations proposed, in their order.
+  auto alternatives = [&](const std::optional<LMAmountPick>& chosen, std::vector<LMAmountPick>& out,
+                          auto entryOf, auto anchorOf) {
+    for (size_t i = 1; i < combos.size() && out.size() < 3; ++i) {
+      const RoleValues::Entry* e = entryOf(combos[i]);
+      if (!e) continue;
+      const LMDecimal value = decimalOf(e->cents);
+      if (chosen && chosen->value == value) continue;
+      bool seen = false;
+      for (const LMAmountPick& p : out) seen = seen || p.value == value;
+      if (seen) continue;
+      out.push_back(pick(*e, anchorOf(*e->amount), std::min(0.45, combos[i].score / (best.score + 1e-9) * 0.45)));
+    }
+  };
+  alternatives(choice.gross, choice.grossAlternatives, [](const Combination& c) { return c.g; },
+               [](const Amount& a) { return a.grossAnchor; });
+  alternatives(choice.net, choice.netAlternatives, [](const Combination& c) { return c.arithmetic ? c.n : nullptr; },
+               [](const Amount& a) { return a.netAnchor; });
+  alternatives(choice.tax, choice.taxAlternatives, [](const Combination& c) { return c.arithmetic ? c.t : nullptr; },
+               [](const Amount& a) { return a.taxAnchor; });
+  return choice;
+}

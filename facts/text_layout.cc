@@ -1,0 +1,223 @@
+#include "facts/text_layout.h"
+
+#include <algorithm>
+#include <map>
+
+#include "analysis/receipt_parser.h"
+#include "document/pdf_page.h"
+#include "document/receipt_document.h"
+
+namespace {
+
+// A label above an element ties it within this many of its line heights.
+constexpr double kColumnReach = 8;
+// An amount on a label's row that is not the row's last one ties less.
+constexpr double kInnerOfRow = 0.7;
+
+struct CurrencyWord {
+  std::u16string_view text;  // as printed, case-sensitive
+  std::u16string_view code;  // empty: decided by the country
+  bool word;                 // needs word boundaries
+};
+
+// Longest first where one begins another.
+const CurrencyWord kCurrencyWords[] = {
+    {u"US$", u"USD", false}, {u"CA$", u"CAD", false}, {u"NZ$", u"NZD", false},
+    {u"AU$", u"AUD", false}, {u"A$", u"AUD", false},  {u"C$", u"CAD", false},
+    {u"$", u"", false},      {u"\u20AC", u"EUR", false}, {u"\u00A3", u"GBP", false},
+    {u"\u20B9", u"INR", false}, {u"\u00A5", u"JPY", false}, {u"EUR", u"EUR", true},
+    {u"Euro", u"EUR", true}, {u"EURO", u"EUR", true}, {u"Euros", u"EUR", true},
+    {u"USD", u"USD", true},  {u"GBP", u"GBP", true}, {u"CHF", u"CHF", true},
+    {u"SFr.", u"CHF", true}, {u"NZD", u"NZD", true},
+    {u"AUD", u"AUD", true},  {u"CAD", u"CAD", true}, {u"INR", u"INR", true},
+    {u"Rs.", u"INR", true},  {u"JPY", u"JPY", true}, {u"SEK", u"SEK", true},
+    {u"NOK", u"NOK", true},  {u"DKK", u"DKK", true}, {u"PLN", u"PLN", true},
+    {u"CZK", u"CZK", true},  {u"kr", u"", true},     {u"Kr.", u"", true},
+};
+
+// Countries, by what points to them, and what their "$" and "kr" mean.
+struct CountryClue {
+  std::u16string_view folded;  // a word group of the folded text
+  std::u16string_view country;
+};
+const CountryClue kCountryClues[] = {
+    {u"deutschland", u"DE"}, {u"germany", u"DE"},     {u"allemagne", u"DE"},
+    {u"osterreich", u"AT"},  {u"austria", u"AT"},     {u"schweiz", u"CH"},
+    {u"suisse", u"CH"},      {u"switzerland", u"CH"}, {u"france", u"FR"},
+    {u"italia", u"IT"},      {u"italy", u"IT"},       {u"espana", u"ES"},
+    {u"spain", u"ES"},       {u"nederland", u"NL"},   {u"netherlands", u"NL"},
+    {u"belgique", u"BE"},    {u"belgie", u"BE"},      {u"united kingdom", u"GB"},
+    {u"england", u"GB"},     {u"united states", u"US"}, {u"usa", u"US"},
+    {u"new zealand", u"NZ"}, {u"australia", u"AU"},   {u"canada", u"CA"},
+    {u"india", u"IN"},       {u"sverige", u"SE"},     {u"sweden", u"SE"},
+    {u"norge", u"NO"},       {u"norway", u"NO"},      {u"danmark", u"DK"},
+    {u"denmark", u"DK"},     {u"gst", u"NZ"},
+};
+// Phone prefixes as printed ("+49"), VAT id prefixes ("DE123456789").
+const CountryClue kPhonePrefixes[] = {
+    {u"+49", u"DE"}, {u"+43", u"AT"}, {u"+41", u"CH"}, {u"+33", u"FR"}, {u"+39", u"IT"},
+    {u"+34", u"ES"}, {u"+31", u"NL"}, {u"+32", u"BE"}, {u"+44", u"GB"}, {u"+1 ", u"US"},
+    {u"+64", u"NZ"}, {u"+61", u"AU"}, {u"+91", u"IN"}, {u"+46", u"SE"}, {u"+47", u"NO"},
+    {u"+45", u"DK"},
+};
+
+std::u16string dollarOf(std::u16string_view country) {
+  if (country == u"NZ") return u"NZD";
+  if (country == u"AU") return u"AUD";
+  if (country == u"CA") return u"CAD";
+  return u"USD";
+}
+
+std::u16string kronaOf(std::u16string_view country) {
+  if (country == u"NO") return u"NOK";
+  if (country == u"DK") return u"DKK";
+  return u"SEK";
+}
+
+bool isAlnum(char16_t c) {
+  return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') || c > 0xBF;
+}
+
+bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+
+double overlap(double a0, double a1, double b0, double b1) { return std::min(a1, b1) - std::max(a0, b0); }
+
+// Percentages: "19%", "19 %", "7,0%", "5.5 %".
+void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates) {
+  for (size_t i = text.find(u'%'); i != std::u16string_view::npos; i = text.find(u'%', i + 1)) {
+    size_t end = i;
+    while (end > 0 && text[end - 1] == u' ') --end;
+    size_t begin = end;
+    while (begin > 0 && (isDigit(text[begin - 1]) || text[begin - 1] == u',' || text[begin - 1] == u'.')) --begin;
+    while (begin < end && !isDigit(text[begin])) ++begin;
+    if (begin == end || end - begin > 6) continue;
+    std::u16string number(text.substr(begin, end - begin));
+    std::replace(number.begin(), number.end(), u',', u'.');
+    const auto rate = LMDecimal::fromString(number);
+    if (!rate || rate->isZero() || *rate > LMDecimal::fromInt(30)) continue;
+    if (std::find(rates.begin(), rates.end(), *rate) == rates.end()) rates.push_back(*rate);
+  }
+}
+
+}  // namespace
+
+bool lmSameRow(const LMRect& a, const LMRect& b) {
+  const LMRect sa = a.standardized(), sb = b.standardized();
+  const double shared = overlap(sa.y, sa.y + sa.height, sb.y, sb.y + sb.height);
+  return shared > 0.5 * std::min(sa.height, sb.height);
+}
+
+LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
+  if (!parser.doc()) return;
+  std::map<std::u16string, int> votes;
+  std::vector<std::pair<size_t, int64_t>> symbols;  // mentions to resolve, by country
+  for (int64_t page = 0; page < parser.doc()->pageCount(); ++page) {
+    const LMAttributedString* attributed = parser.doc()->attributedStringForPage(page);
+    if (!attributed || attributed->length() == 0) continue;
+    const std::u16string text = LMPDFPage::normalizePDFString(attributed->string);
+    const LMFoldedText folded = lmFoldLabelText(text);
+    if (pageTexts_.size() <= static_cast<size_t>(page)) pageTexts_.resize(page + 1);
+    pageTexts_[page] = text;
+    auto box = [&](size_t from, size_t to) {
+      return parser.doc()->boundsForTextRange(LMTextRange::make(from, to - from), page).standardized();
+    };
+    for (const LMLabelMatch& m : lmFindLabels(folded.text)) {
+      const size_t from = folded.origin[m.begin];
+      const size_t to = folded.origin[m.end - 1] + 1;
+      labels_.push_back({m.label, page, box(from, to), text.substr(from, to - from)});
+    }
+    collectRates(text, rates_);
+    for (const CountryClue& clue : kCountryClues) {
+      for (size_t at = folded.text.find(clue.folded); at != std::u16string::npos;
+           at = folded.text.find(clue.folded, at + 1)) {
+        const size_t end = at + clue.folded.size();
+        if ((at == 0 || folded.text[at - 1] == u' ') && (end == folded.text.size() || folded.text[end] == u' ')) {
+          ++votes[std::u16string(clue.country)];
+        }
+      }
+    }
+    for (const CountryClue& clue : kPhonePrefixes) {
+      for (size_t at = text.find(clue.folded); at != std::u16string::npos; at = text.find(clue.folded, at + 1)) {
+        votes[std::u16string(clue.country)] += 2;
+      }
+    }
+    // VAT ids: two capitals and eight or more digits.
+    for (size_t i = 0; i + 10 <= text.size(); ++i) {
+      if ((i > 0 && isAlnum(text[i - 1])) || text[i] < u'A' || text[i] > u'Z' || text[i + 1] < u'A' ||
+          text[i + 1] > u'Z') {
+        continue;
+      }
+      size_t j = i + 2;
+      while (j < text.size() && (isDigit(text[j]) || text[j] == u' ') && j - i < 16) ++j;
+      size_t digits = 0;
+      for (size_t k = i + 2; k < j; ++k) digits += isDigit(text[k]) ? 1 : 0;
+      if (digits >= 8 && digits <= 12 && (j == text.size() || !isAlnum(text[j]))) {
+        std::u16string country = text.substr(i, 2);
+        if (country == u"EL") country = u"GR";
+        votes[country] += 3;
+      }
+    }
+    for (size_t i = 0; i < text.size(); ++i) {
+      for (const CurrencyWord& w : kCurrencyWords) {
+        if (text.compare(i, w.text.size(), w.text) != 0) continue;
+        const size_t end = i + w.text.size();
+        if (w.word && ((i > 0 && isAlnum(text[i - 1])) ||
+                       (end < text.size() && isAlnum(text[end]) && w.text.back() != u'.'))) {
+          continue;
+        }
+        if (!w.word && i > 0 && text[i - 1] >= u'A' && text[i - 1] <= u'Z' && w.text == u"$") continue;
+        currencies_.push_back({std::u16string(w.code), page, box(i, end), std::u16string(w.text), w.code.empty()});
+        if (w.code.empty()) symbols.emplace_back(currencies_.size() - 1, page);
+        i = end - 1;
+        break;
+      }
+    }
+  }
+  int best = 0;
+  for (const auto& [country, count] : votes) {
+    if (count > best) best = count, country_ = country;
+  }
+  for (const auto& [index, page] : symbols) {
+    LMCurrencyMention& m = currencies_[index];
+    m.code = m.text == u"$" ? dollarOf(country_) : kronaOf(country_);
+  }
+}
+
+double LMTextLayout::roleWeight(LMLabelRole role) const {
+  double sum = 0;
+  for (const LMLabelHit& hit : labels_) sum += hit.label->role == role ? hit.label->weight : 0;
+  return sum;
+}
+
+LMRoleTies LMTextLayout::ties(const LMFoundElement& element, bool lastOnRow) const {
+  LMRoleTies out;
+  const LMRect e = element.bbox().standardized();
+  const LMLabelHit* row = nullptr;
+  const LMLabelHit* column = nullptr;
+  double columnGap = 0;
+  for (const LMLabelHit& hit : labels_) {
+    if (hit.page != element.page()) continue;
+    const LMRect& l = hit.box;
+    if (lmSameRow(l, e) && l.x + l.width <= e.x + 1) {
+      if (!row || l.x + l.width > row->box.x + row->box.width) row = &hit;
+      continue;
+    }
+    const double gap = l.y - (e.y + e.height);  // label above: positive
+    const double reach = kColumnReach * std::max(e.height, 1.0);
+    if (gap > -1 && gap < reach && overlap(l.x, l.x + l.width, e.x, e.x + e.width) > 0) {
+      if (!column || gap < columnGap) column = &hit, columnGap = gap;
+    }
+  }
+  auto tie = [&](const LMLabelHit* hit, double factor) {
+    if (!hit) return;
+    const size_t role = static_cast<size_t>(hit->label->role);
+    const double s = hit->label->weight * factor;
+    if (s > out.score[role]) out.score[role] = s, out.anchor[role] = hit;
+  };
+  tie(row, lastOnRow ? 1.0 : kInnerOfRow);
+  if (column) {
+    const double reach = kColumnReach * std::max(e.height, 1.0);
+    tie(column, 0.8 - 0.3 * std::max(0.0, columnGap) / reach);
+  }
+  return out;
+}

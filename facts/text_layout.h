@@ -1,0 +1,80 @@
+// The page text as the text facts read it: every page folded once, the
+// labels found in it with their boxes, the currency mentions, the tax rates
+// printed as percentages and the country the document speaks of; and the
+// geometry that ties a found element to the labels around it.
+//
+// Built over the found elements of the standard analysis, read only.
+#pragma once
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "elements/found_element.h"
+#include "facts/labels.h"
+#include "kit/decimal.h"
+#include "kit/rect.h"
+
+class LMReceiptParser;
+
+// A label on a page.
+struct LMLabelHit {
+  const LMLabel* label;
+  int64_t page;
+  LMRect box;           // PDF points, origin bottom left (as the elements' boxes)
+  std::u16string text;  // as printed
+};
+
+// A currency named on a page.
+struct LMCurrencyMention {
+  std::u16string code;  // ISO 4217; "$" and "kr" resolved by the country
+  int64_t page;
+  LMRect box;
+  std::u16string text;
+  bool symbolOnly;      // "$" or "kr", whose code came from the country
+};
+
+// How strongly an element's neighbourhood names each role.
+struct LMRoleTies {
+  static constexpr size_t kRoles = 9;
+  std::array<double, kRoles> score{};       // by LMLabelRole
+  std::array<const LMLabelHit*, kRoles> anchor{};
+  double of(LMLabelRole role) const { return score[static_cast<size_t>(role)]; }
+  const LMLabelHit* anchorOf(LMLabelRole role) const { return anchor[static_cast<size_t>(role)]; }
+};
+
+class LMTextLayout {
+ public:
+  explicit LMTextLayout(const LMReceiptParser& parser);
+
+  const std::vector<LMLabelHit>& labels() const { return labels_; }
+  const std::vector<LMCurrencyMention>& currencies() const { return currencies_; }
+  // Percentages printed on the pages, distinct, as written ("19", "5.5").
+  const std::vector<LMDecimal>& rates() const { return rates_; }
+  // Two-letter country code the document points to most (VAT id prefixes,
+  // phone prefixes, country names), or empty.
+  const std::u16string& country() const { return country_; }
+  // The normalised text of page `page` (the found elements' ranges point
+  // into it); empty for a page without text.
+  std::u16string_view pageText(int64_t page) const {
+    return page >= 0 && static_cast<size_t>(page) < pageTexts_.size() ? pageTexts_[page] : std::u16string_view();
+  }
+  // Sum of the weights of the labels of `role` on all pages.
+  double roleWeight(LMLabelRole role) const;
+
+  // The labels that tie `element`: the nearest label on its row to its
+  // left (the row's last amount ties fully, others less), and the nearest
+  // label above it in its column (a table head or a label over its value).
+  LMRoleTies ties(const LMFoundElement& element, bool lastOnRow) const;
+
+ private:
+  std::vector<std::u16string> pageTexts_;
+  std::vector<LMLabelHit> labels_;
+  std::vector<LMCurrencyMention> currencies_;
+  std::vector<LMDecimal> rates_;
+  std::u16string country_;
+};
+
+// True when `a` and `b` share most of their height (the same text row).
+bool lmSameRow(const LMRect& a, const LMRect& b);
