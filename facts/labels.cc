@@ -44,6 +44,8 @@ const std::vector<LMLabel> kLabels = {
     {u"totaal te betalen", R::kGross, 1.0}, {u"totaal incl btw", R::kGross, 1.0},
     {u"totaal inclusief btw", R::kGross, 1.0}, {u"incl btw", R::kGross, 0.6},
     {u"factuurbedrag", R::kGross, 1.0}, {u"eindtotaal", R::kGross, 1.0},
+    {u"payable", R::kGross, 0.6}, {u"due payable", R::kGross, 0.9}, {u"inc gst", R::kGross, 0.6},
+    {u"incl gst", R::kGross, 0.6}, {u"including gst", R::kGross, 0.6},
 
     // Net: the total without tax.
     {u"netto", R::kNet, 0.8}, {u"nettobetrag", R::kNet, 1.0}, {u"summe netto", R::kNet, 1.0},
@@ -65,6 +67,8 @@ const std::vector<LMLabel> kLabels = {
     {u"total sin iva", R::kNet, 1.0}, {u"importe neto", R::kNet, 1.0}, {u"neto", R::kNet, 0.7},
     {u"excl btw", R::kNet, 0.6}, {u"totaal excl btw", R::kNet, 1.0},
     {u"totaal exclusief btw", R::kNet, 1.0}, {u"subtotaal", R::kNet, 0.6},
+    {u"ex gst", R::kNet, 0.6}, {u"excl gst", R::kNet, 0.6}, {u"excluding gst", R::kNet, 0.6},
+    {u"ex vat", R::kNet, 0.6},
 
     // Tax: the tax amount.
     {u"mwst", R::kTax, 0.9}, {u"mw st", R::kTax, 0.9}, {u"ust", R::kTax, 0.8},
@@ -78,6 +82,9 @@ const std::vector<LMLabel> kLabels = {
     {u"totale iva", R::kTax, 1.0}, {u"imposta", R::kTax, 0.8}, {u"cuota iva", R::kTax, 1.0},
     {u"total iva", R::kTax, 1.0}, {u"impuestos", R::kTax, 0.8}, {u"btw", R::kTax, 0.9},
     {u"btw bedrag", R::kTax, 1.0}, {u"totaal btw", R::kTax, 1.0},
+    {u"vat total", R::kTax, 1.0}, {u"tax total", R::kTax, 1.0}, {u"total mwst", R::kTax, 1.0},
+    {u"mwst gesamt", R::kTax, 1.0}, {u"ust gesamt", R::kTax, 1.0}, {u"total gst", R::kTax, 1.0},
+    {u"gst total", R::kTax, 1.0}, {u"tva totale", R::kTax, 1.0},
 
     // The document's date.
     {u"rechnungsdatum", R::kIssueDate, 1.0}, {u"datum", R::kIssueDate, 0.7},
@@ -95,10 +102,12 @@ const std::vector<LMLabel> kLabels = {
     {u"fecha factura", R::kIssueDate, 1.0}, {u"fecha de factura", R::kIssueDate, 1.0},
     {u"fecha de emision", R::kIssueDate, 1.0}, {u"fecha expedicion", R::kIssueDate, 1.0},
     {u"factuurdatum", R::kIssueDate, 1.0}, {u"datum factuur", R::kIssueDate, 1.0},
+    {u"issued", R::kIssueDate, 0.8}, {u"issued at", R::kIssueDate, 0.9},
+    {u"issued on", R::kIssueDate, 0.9}, {u"vom", R::kIssueDate, 0.5}, {u"du", R::kIssueDate, 0.4},
 
     // Amounts that are none of gross, net and tax.
     {u"ruckgeld", R::kOtherAmount, 1.0}, {u"gegeben", R::kOtherAmount, 1.0},
-    {u"geg bar", R::kOtherAmount, 1.0}, {u"trinkgeld", R::kOtherAmount, 1.0},
+    {u"geg bar", R::kOtherAmount, 1.0}, {u"geg", R::kOtherAmount, 0.9}, {u"trinkgeld", R::kOtherAmount, 1.0},
     {u"bereits gezahlt", R::kOtherAmount, 1.0}, {u"anzahlung", R::kOtherAmount, 1.0},
     {u"vorheriger saldo", R::kOtherAmount, 1.0}, {u"change", R::kOtherAmount, 1.0},
     {u"tip", R::kOtherAmount, 1.0}, {u"previous balance", R::kOtherAmount, 1.0},
@@ -139,6 +148,17 @@ const std::vector<LMLabel> kLabels = {
     {u"fecha de entrega", R::kOtherDate, 1.0}, {u"fecha de pedido", R::kOtherDate, 1.0},
     {u"vervaldatum", R::kOtherDate, 1.0}, {u"leverdatum", R::kOtherDate, 1.0},
     {u"besteldatum", R::kOtherDate, 1.0}, {u"geboren", R::kOtherDate, 1.0},
+    {u"date of delivery", R::kOtherDate, 1.0}, {u"delivery", R::kOtherDate, 0.8},
+    {u"lieferung", R::kOtherDate, 0.8}, {u"livraison", R::kOtherDate, 0.8},
+    {u"consegna", R::kOtherDate, 0.8}, {u"entrega", R::kOtherDate, 0.8},
+    {u"levering", R::kOtherDate, 0.8}, {u"date de facture associee", R::kOtherDate, 1.0},
+    {u"facture associee", R::kOtherDate, 1.0}, {u"facture d origine", R::kOtherDate, 1.0},
+    {u"date de debut", R::kOtherDate, 1.0}, {u"date de fin", R::kOtherDate, 1.0},
+    {u"original invoice", R::kOtherDate, 1.0}, {u"referenced invoice", R::kOtherDate, 1.0},
+    {u"start date", R::kOtherDate, 1.0}, {u"end date", R::kOtherDate, 1.0},
+    {u"ursprungliche rechnung", R::kOtherDate, 1.0}, {u"ursprungsrechnung", R::kOtherDate, 1.0},
+    {u"beginn", R::kOtherDate, 0.8}, {u"ende", R::kOtherDate, 0.8},
+    {u"fattura di riferimento", R::kOtherDate, 1.0}, {u"factura original", R::kOtherDate, 1.0},
 
     // Titles of credit notes. "Gutschrift" mostly titles a self-billed
     // invoice, hence its low weight: alone it does not make a credit note.
@@ -174,6 +194,14 @@ const std::vector<LMLabel> kLabels = {
     {u"ticket de caisse", R::kReceipt, 1.0}, {u"scontrino", R::kReceipt, 1.0},
     {u"kassabon", R::kReceipt, 1.0}, {u"cash receipt", R::kReceipt, 1.0},
     {u"sales receipt", R::kReceipt, 1.0}, {u"tse", R::kReceipt, 0.6},
+
+    // Titles and numbers of the document: its date often stands beside them.
+    {u"rechnung", R::kTitle, 1.0}, {u"rechnung nr", R::kTitle, 1.0}, {u"rechnungsnummer", R::kTitle, 1.0},
+    {u"rechnungs nr", R::kTitle, 1.0}, {u"handelsrechnung", R::kTitle, 1.0}, {u"beleg nr", R::kTitle, 1.0},
+    {u"invoice", R::kTitle, 1.0}, {u"invoice no", R::kTitle, 1.0}, {u"invoice number", R::kTitle, 1.0},
+    {u"tax invoice", R::kTitle, 1.0}, {u"facture", R::kTitle, 1.0}, {u"facture n", R::kTitle, 1.0},
+    {u"fattura", R::kTitle, 1.0}, {u"fattura n", R::kTitle, 1.0}, {u"factura", R::kTitle, 1.0},
+    {u"factuur", R::kTitle, 1.0}, {u"factuurnummer", R::kTitle, 1.0},
 };
 
 bool isWordUnit(char16_t c) {

@@ -21,6 +21,7 @@ enum class LMLabelRole : uint8_t {
   kCreditNote,  // the title of a credit note
   kZeroTax,     // tax-free, reverse charge, small business, export
   kReceipt,     // wording of a till receipt
+  kTitle,       // the document's title or number: "Rechnung Nr.", "Invoice #"
 };
 
 struct LMLabel {

@@ -14,6 +14,10 @@ constexpr size_t kGrossCandidates = 8;
 constexpr double kArithmetic = 0.6;
 constexpr double kRateFits = 0.3;
 constexpr double kZeroTaxReason = 0.3;
+// The gross's label counts most; a set's gross needs this share of the
+// best gross label's score.
+constexpr double kGrossWeight = 2;
+constexpr double kPlausibleGross = 0.6;
 // An amount no label ties may still complete a consistent set.
 constexpr double kUntied = 0.05;
 
@@ -210,13 +214,17 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   std::sort(grossList.begin(), grossList.end(), [](auto* a, auto* b) { return a->score > b->score; });
   if (grossList.size() > kGrossCandidates) grossList.resize(kGrossCandidates);
 
+  // A set's gross must be a plausible total on its own: the arithmetic
+  // decides among labelled totals, it does not make one of a line amount.
+  const double strongest = grossList.empty() ? 0 : grossList.front()->score;
   std::vector<Combination> combos;
   for (const RoleValues::Entry* g : grossList) {
+    if (g->score < kPlausibleGross * strongest) continue;
     const Cents total = g->cents;
     Combination alone;
     alone.gross = total;
     alone.g = g;
-    alone.score = g->score;
+    alone.score = kGrossWeight * g->score;
     combos.push_back(alone);
     for (const auto& [n, ne] : net.byValue) {
       if (n <= 0 || n >= total) continue;
@@ -229,7 +237,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
       c.t = te;
       c.arithmetic = true;
       c.rate = fittingRate(n, total - n);
-      c.score = g->score + ne.score + te->score + kArithmetic + (c.rate ? kRateFits : 0);
+      c.score = kGrossWeight * g->score + ne.score + te->score + kArithmetic + (c.rate ? kRateFits : 0);
       combos.push_back(c);
     }
     // No tax: said in words, or a tax label over a printed zero.
@@ -242,7 +250,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
       c.t = zeroTied ? zero : nullptr;
       c.arithmetic = true;
       c.zeroReason = zeroReason;
-      c.score = g->score + (c.n ? c.n->score : 0) + (zeroTied ? zero->score : 0) + kZeroTaxReason + 0.2;
+      c.score = kGrossWeight * g->score + (c.n ? c.n->score : 0) + (zeroTied ? zero->score : 0) + kZeroTaxReason + 0.2;
       combos.push_back(c);
     }
   }

@@ -51,7 +51,8 @@ const CountryClue kCountryClues[] = {
     {u"new zealand", u"NZ"}, {u"australia", u"AU"},   {u"canada", u"CA"},
     {u"india", u"IN"},       {u"sverige", u"SE"},     {u"sweden", u"SE"},
     {u"norge", u"NO"},       {u"norway", u"NO"},      {u"danmark", u"DK"},
-    {u"denmark", u"DK"},     {u"gst", u"NZ"},
+    {u"denmark", u"DK"},     {u"co nz", u"NZ"},       {u"com au", u"AU"},
+    {u"co uk", u"GB"},       {u"co in", u"IN"},
 };
 // Phone prefixes as printed ("+49"), VAT id prefixes ("DE123456789").
 const CountryClue kPhonePrefixes[] = {
@@ -60,6 +61,10 @@ const CountryClue kPhonePrefixes[] = {
     {u"+64", u"NZ"}, {u"+61", u"AU"}, {u"+91", u"IN"}, {u"+46", u"SE"}, {u"+47", u"NO"},
     {u"+45", u"DK"},
 };
+
+// The prefixes of European VAT ids.
+constexpr std::u16string_view kVatPrefixes =
+    u"AT BE BG CY CZ DE DK EE EL ES FI FR GB HR HU IE IT LT LU LV MT NL PL PT RO SE SI SK CH NO";
 
 std::u16string dollarOf(std::u16string_view country) {
   if (country == u"NZ") return u"NZD";
@@ -151,8 +156,9 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       while (j < text.size() && (isDigit(text[j]) || text[j] == u' ') && j - i < 16) ++j;
       size_t digits = 0;
       for (size_t k = i + 2; k < j; ++k) digits += isDigit(text[k]) ? 1 : 0;
-      if (digits >= 8 && digits <= 12 && (j == text.size() || !isAlnum(text[j]))) {
-        std::u16string country = text.substr(i, 2);
+      std::u16string country = text.substr(i, 2);
+      if (digits >= 8 && digits <= 12 && (j == text.size() || !isAlnum(text[j])) &&
+          kVatPrefixes.find(country) != std::u16string_view::npos && kVatPrefixes.find(country) % 3 == 0) {
         if (country == u"EL") country = u"GR";
         votes[country] += 3;
       }
@@ -199,6 +205,8 @@ LMRoleTies LMTextLayout::ties(const LMFoundElement& element, bool lastOnRow) con
     if (hit.page != element.page()) continue;
     const LMRect& l = hit.box;
     if (lmSameRow(l, e) && l.x + l.width <= e.x + 1) {
+      const size_t role = static_cast<size_t>(hit.label->role);
+      out.onRow[role] = std::max(out.onRow[role], hit.label->weight);
       if (!row || l.x + l.width > row->box.x + row->box.width) row = &hit;
       continue;
     }

@@ -37,11 +37,13 @@ struct LMCurrencyMention {
 
 // How strongly an element's neighbourhood names each role.
 struct LMRoleTies {
-  static constexpr size_t kRoles = 9;
+  static constexpr size_t kRoles = 10;
   std::array<double, kRoles> score{};       // by LMLabelRole
+  std::array<double, kRoles> onRow{};       // any label of the role left on the row: its weight
   std::array<const LMLabelHit*, kRoles> anchor{};
   double of(LMLabelRole role) const { return score[static_cast<size_t>(role)]; }
   const LMLabelHit* anchorOf(LMLabelRole role) const { return anchor[static_cast<size_t>(role)]; }
+  double onRowOf(LMLabelRole role) const { return onRow[static_cast<size_t>(role)]; }
 };
 
 class LMTextLayout {
