@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <cstdio>
 
 #include "analysis/receipt_parser.h"
 
@@ -142,14 +143,23 @@ std::vector<LMDecimal> lmUsualTaxRates(std::u16string_view country) {
 
 LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout& layout) {
   LMAmountChoice choice;
-  if (!parser.numbers()) return choice;
+  if (!parser.numbers() && layout.extraAmounts().empty()) return choice;
 
   // Every amount with its ties to the roles.
   std::vector<Amount> amounts;
-  for (const auto& n : *parser.numbers()) {
-    if (!n) continue;
+  std::vector<const LMFoundNumber*> found;
+  if (parser.numbers()) {
+    for (const auto& n : *parser.numbers()) {
+      if (n) found.push_back(n.get());
+    }
+  }
+  for (const auto& n : layout.extraAmounts()) found.push_back(n.get());
+  std::stable_sort(found.begin(), found.end(), [](const LMFoundNumber* a, const LMFoundNumber* b) {
+    return a->page() != b->page() ? a->page() < b->page() : a->range().location < b->range().location;
+  });
+  for (const LMFoundNumber* n : found) {
     if (followedByPercent(layout.pageText(n->page()), *n)) continue;
-    amounts.push_back({n.get(), std::llabs(n->integerValue())});
+    amounts.push_back({n, std::llabs(n->integerValue())});
   }
   for (size_t i = 0; i < amounts.size(); ++i) {
     Amount& a = amounts[i];
@@ -169,6 +179,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     a.gross = role(LMLabelRole::kGross);
     a.net = role(LMLabelRole::kNet);
     a.tax = role(LMLabelRole::kTax);
+    if (getenv("LMDBG")) fprintf(stderr, "amt %lld g%.2f n%.2f t%.2f o%.2f box %.0f %.0f %.0f %.0f\n", (long long)a.element->integerValue(), a.gross, a.net, a.tax, other, box.x, box.y, box.width, box.height);
     a.grossAnchor = ties.anchorOf(LMLabelRole::kGross);
     a.netAnchor = ties.anchorOf(LMLabelRole::kNet);
     a.taxAnchor = ties.anchorOf(LMLabelRole::kTax);

@@ -104,6 +104,42 @@ void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates) {
   }
 }
 
+// Amounts written with two decimals, "1.234,56", "-20,48", "233,47-", at
+// `i`; their length, 0 when none starts there.
+size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths) {
+  size_t j = i;
+  bool negative = false;
+  if (text[j] == u'-' || text[j] == u'\u2212') {
+    negative = true;
+    ++j;
+    if (j < text.size() && text[j] == u' ') ++j;
+  }
+  if (j >= text.size() || !isDigit(text[j])) return 0;
+  int64_t value = 0;
+  size_t digits = 0;
+  size_t lastSeparator = std::u16string_view::npos;
+  for (; j < text.size(); ++j) {
+    const char16_t c = text[j];
+    if (isDigit(c)) {
+      if (++digits > 13) return 0;
+      value = value * 10 + (c - u'0');
+    } else if ((c == u'.' || c == u',' || c == u'\'') && j + 1 < text.size() && isDigit(text[j + 1])) {
+      lastSeparator = j;
+    } else {
+      break;
+    }
+  }
+  if (lastSeparator == std::u16string_view::npos || j - lastSeparator != 3) return 0;
+  if (j < text.size() && (text[j] == u'%' || isAlnum(text[j]))) return 0;
+  if (j + 1 < text.size() && text[j] == u' ' && text[j + 1] == u'%') return 0;
+  if (j < text.size() && text[j] == u'-' && !negative) {
+    negative = true;
+    ++j;
+  }
+  hundredths = negative ? -value : value;
+  return j - i;
+}
+
 }  // namespace
 
 bool lmSameRow(const LMRect& a, const LMRect& b) {
@@ -132,6 +168,7 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       labels_.push_back({m.label, page, box(from, to), text.substr(from, to - from)});
     }
     collectRates(text, rates_);
+    collectAmounts(parser, page, text);
     for (const CountryClue& clue : kCountryClues) {
       for (size_t at = folded.text.find(clue.folded); at != std::u16string::npos;
            at = folded.text.find(clue.folded, at + 1)) {
@@ -186,6 +223,41 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
   for (const auto& [index, page] : symbols) {
     LMCurrencyMention& m = currencies_[index];
     m.code = m.text == u"$" ? dollarOf(country_) : kronaOf(country_);
+  }
+}
+
+void LMTextLayout::collectAmounts(const LMReceiptParser& parser, int64_t page, std::u16string_view text) {
+  std::vector<LMTextRange> taken;
+  auto collect = [&](const auto& elements) {
+    if (!elements) return;
+    for (const auto& e : *elements) {
+      if (e && e->page() == page) taken.push_back(e->range());
+    }
+  };
+  collect(parser.numbers());
+  collect(parser.dates());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (i > 0 && (isAlnum(text[i - 1]) || text[i - 1] == u'.' || text[i - 1] == u',' || text[i - 1] == u'-')) {
+      continue;
+    }
+    int64_t hundredths = 0;
+    const size_t length = amountAt(text, i, hundredths);
+    if (length == 0) continue;
+    const LMTextRange range = LMTextRange::make(i, length);
+    bool known = false;
+    for (const LMTextRange& r : taken) known = known || r.intersects(range);
+    if (!known) {
+      auto n = std::make_shared<LMFoundNumber>(hundredths, 2);
+      n->setPage(page);
+      n->setRange(range);
+      n->setString(std::u16string(text.substr(i, length)));
+      n->setBbox(parser.doc()->boundsForTextRange(range, page));
+      if (parser.doc()->pdfDoc()) {
+        if (auto p = parser.doc()->pdfDoc()->pageAtIndex(page)) n->setPageBox(p->mediaBox());
+      }
+      extraAmounts_.push_back(std::move(n));
+    }
+    i += length - 1;
   }
 }
 

@@ -9,9 +9,11 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <memory>
 #include <vector>
 
 #include "elements/found_element.h"
+#include "elements/found_number.h"
 #include "facts/labels.h"
 #include "kit/decimal.h"
 #include "kit/rect.h"
@@ -54,6 +56,10 @@ class LMTextLayout {
   const std::vector<LMCurrencyMention>& currencies() const { return currencies_; }
   // Percentages printed on the pages, distinct, as written ("19", "5.5").
   const std::vector<LMDecimal>& rates() const { return rates_; }
+  // Amounts with two decimals the standard recognizers left out (a minus in
+  // front, a currency sign behind), as elements of this layout's own; the
+  // standard elements stay untouched.
+  const std::vector<std::shared_ptr<LMFoundNumber>>& extraAmounts() const { return extraAmounts_; }
   // Two-letter country code the document points to most (VAT id prefixes,
   // phone prefixes, country names), or empty.
   const std::u16string& country() const { return country_; }
@@ -71,10 +77,13 @@ class LMTextLayout {
   LMRoleTies ties(const LMFoundElement& element, bool lastOnRow) const;
 
  private:
+  void collectAmounts(const LMReceiptParser& parser, int64_t page, std::u16string_view text);
+
   std::vector<std::u16string> pageTexts_;
   std::vector<LMLabelHit> labels_;
   std::vector<LMCurrencyMention> currencies_;
   std::vector<LMDecimal> rates_;
+  std::vector<std::shared_ptr<LMFoundNumber>> extraAmounts_;
   std::u16string country_;
 };
 
