@@ -44,7 +44,7 @@ const std::vector<LMLabel> kLabels = {
     {u"totaal te betalen", R::kGross, 1.0}, {u"totaal incl btw", R::kGross, 1.0},
     {u"totaal inclusief btw", R::kGross, 1.0}, {u"incl btw", R::kGross, 0.6},
     {u"factuurbedrag", R::kGross, 1.0}, {u"eindtotaal", R::kGross, 1.0},
-    {u"payable", R::kGross, 0.6}, {u"due payable", R::kGross, 0.9}, {u"inc gst", R::kGross, 0.6},
+    {u"payable", R::kGross, 0.6}, {u"gesamtbeitrag", R::kGross, 0.9}, {u"beitrag", R::kGross, 0.5}, {u"due payable", R::kGross, 0.9}, {u"inc gst", R::kGross, 0.6},
     {u"incl gst", R::kGross, 0.6}, {u"including gst", R::kGross, 0.6},
 
     // Net: the total without tax.
@@ -68,7 +68,10 @@ const std::vector<LMLabel> kLabels = {
     {u"excl btw", R::kNet, 0.6}, {u"totaal excl btw", R::kNet, 1.0},
     {u"totaal exclusief btw", R::kNet, 1.0}, {u"subtotaal", R::kNet, 0.6},
     {u"ex gst", R::kNet, 0.6}, {u"excl gst", R::kNet, 0.6}, {u"excluding gst", R::kNet, 0.6},
-    {u"ex vat", R::kNet, 0.6},
+    {u"ex vat", R::kNet, 0.6}, {u"ohne ust", R::kNet, 0.6}, {u"ohne umsatzsteuer", R::kNet, 0.6},
+    {u"exkl ust", R::kNet, 0.6}, {u"excl tax", R::kNet, 0.6}, {u"before tax", R::kNet, 0.6},
+    {u"hors tva", R::kNet, 0.6}, {u"hors taxes", R::kNet, 0.6}, {u"sin iva", R::kNet, 0.6},
+    {u"senza iva", R::kNet, 0.6}, {u"nettobeitrag", R::kNet, 1.0},
 
     // Tax: the tax amount.
     {u"mwst", R::kTax, 0.9}, {u"mw st", R::kTax, 0.9}, {u"ust", R::kTax, 0.8},
@@ -84,7 +87,8 @@ const std::vector<LMLabel> kLabels = {
     {u"btw bedrag", R::kTax, 1.0}, {u"totaal btw", R::kTax, 1.0},
     {u"vat total", R::kTax, 1.0}, {u"tax total", R::kTax, 1.0}, {u"total mwst", R::kTax, 1.0},
     {u"mwst gesamt", R::kTax, 1.0}, {u"ust gesamt", R::kTax, 1.0}, {u"total gst", R::kTax, 1.0},
-    {u"gst total", R::kTax, 1.0}, {u"tva totale", R::kTax, 1.0},
+    {u"gst total", R::kTax, 1.0}, {u"tva totale", R::kTax, 1.0}, {u"total taxes", R::kTax, 1.0},
+    {u"taxes", R::kTax, 0.7}, {u"versicherungssteuer", R::kTax, 0.9}, {u"versicherungsteuer", R::kTax, 0.9}, {u"total des taxes", R::kTax, 1.0}, {u"total impuestos", R::kTax, 1.0},
 
     // The document's date.
     {u"rechnungsdatum", R::kIssueDate, 1.0}, {u"datum", R::kIssueDate, 0.7},

@@ -19,6 +19,9 @@ constexpr double kZeroTaxReason = 0.3;
 // best gross label's score.
 constexpr double kGrossWeight = 2;
 constexpr double kPlausibleGross = 0.6;
+// Amounts tied this strongly (the last on their label's row) add up to a
+// total that a page splits by rate.
+constexpr double kSumPart = 0.75;
 // An amount no label ties may still complete a consistent set.
 constexpr double kUntied = 0.05;
 
@@ -62,7 +65,7 @@ struct RoleValues {
     std::u16string text;
     int parts = 0;
     for (const Amount& a : amounts) {
-      if (a.*role < 0.5) continue;
+      if (a.*role < kSumPart) continue;
       sum += a.cents;
       score += a.*role;
       if (!first) first = &a;
@@ -122,6 +125,27 @@ LMAmountPick pick(const RoleValues::Entry& e, const LMLabelHit* anchor, double s
 // How sure a value is: its label, the arithmetic, a fitting rate.
 double confidence(double label, bool arithmetic, bool rate) {
   return std::min(0.98, 0.25 + 0.35 * std::min(label, 1.0) + (arithmetic ? 0.25 : 0) + (rate ? 0.12 : 0));
+}
+
+// The amount most strongly tied to `role`, last on its label's row, below
+// the gross; null when none is.
+const Amount* mostTied(const std::vector<Amount>& amounts, double Amount::*role, Cents gross) {
+  const Amount* best = nullptr;
+  for (const Amount& a : amounts) {
+    if (a.*role >= kSumPart && a.cents < gross && (!best || a.*role > best->*role)) best = &a;
+  }
+  return best;
+}
+
+LMAmountPick loose(const Amount& a, double label, const LMLabelHit* anchor) {
+  LMAmountPick p;
+  p.element = a.element;
+  p.value = decimalOf(a.cents);
+  p.score = confidence(label, false, false);
+  p.anchor = anchor;
+  p.text = a.element->string().value_or(u"");
+  p.negative = a.element->integerValue() < 0;
+  return p;
 }
 
 }  // namespace
@@ -253,7 +277,8 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     }
     // No tax: said in words, or a tax label over a printed zero.
     const RoleValues::Entry* zero = tax.find(0);
-    const bool zeroTied = zero && zero->score >= 0.5;
+    const bool zeroTied = zero && zero->score >= 0.5 &&
+                          zero->text.find_first_of(u".,") != std::u16string::npos;
     if (zeroReason || zeroTied) {
       Combination c = alone;
       c.net = total;
@@ -307,6 +332,18 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     } else if (best.zeroReason || best.tax == 0) {
       choice.checks.push_back({u"rate-tax", true,
                                u"no tax" + (best.zeroReason ? u": " + best.zeroReason->text : std::u16string())});
+    }
+  } else {
+    // No consistent set: the strongly labelled net and tax as printed, with
+    // the failed check, rather than nothing.
+    const Amount* netAmount = mostTied(amounts, &Amount::net, best.gross);
+    const Amount* taxAmount = mostTied(amounts, &Amount::tax, best.gross);
+    if (netAmount) choice.net = loose(*netAmount, netAmount->net, netAmount->netAnchor);
+    if (taxAmount) choice.tax = loose(*taxAmount, taxAmount->tax, taxAmount->taxAnchor);
+    if (netAmount && taxAmount) {
+      choice.checks.push_back({u"gross-total", false,
+                               money(netAmount->cents) + u" + " + money(taxAmount->cents) + u" != " +
+                                   money(best.gross)});
     }
   }
 

@@ -30,7 +30,7 @@ const CurrencyWord kCurrencyWords[] = {
     {u"USD", u"USD", true},  {u"GBP", u"GBP", true}, {u"CHF", u"CHF", true},
     {u"SFr.", u"CHF", true}, {u"NZD", u"NZD", true},
     {u"AUD", u"AUD", true},  {u"CAD", u"CAD", true}, {u"INR", u"INR", true},
-    {u"Rs.", u"INR", true},  {u"JPY", u"JPY", true}, {u"SEK", u"SEK", true},
+    {u"Rs.", u"INR", true},  {u"Rs", u"INR", true},  {u"JPY", u"JPY", true}, {u"SEK", u"SEK", true},
     {u"NOK", u"NOK", true},  {u"DKK", u"DKK", true}, {u"PLN", u"PLN", true},
     {u"CZK", u"CZK", true},  {u"kr", u"", true},     {u"Kr.", u"", true},
 };
@@ -53,6 +53,13 @@ const CountryClue kCountryClues[] = {
     {u"norge", u"NO"},       {u"norway", u"NO"},      {u"danmark", u"DK"},
     {u"denmark", u"DK"},     {u"co nz", u"NZ"},       {u"com au", u"AU"},
     {u"co uk", u"GB"},       {u"co in", u"IN"},
+    // The largest cities of the countries whose currency is a dollar or
+    // whose documents name no currency by its code.
+    {u"auckland", u"NZ"},    {u"wellington", u"NZ"},  {u"christchurch", u"NZ"},
+    {u"sydney", u"AU"},      {u"melbourne", u"AU"},   {u"brisbane", u"AU"},
+    {u"toronto", u"CA"},     {u"montreal", u"CA"},    {u"vancouver", u"CA"},
+    {u"mumbai", u"IN"},      {u"bangalore", u"IN"},   {u"bengaluru", u"IN"},
+    {u"new delhi", u"IN"},   {u"new york", u"US"},    {u"california", u"US"},
 };
 // Phone prefixes as printed ("+49"), VAT id prefixes ("DE123456789").
 const CountryClue kPhonePrefixes[] = {
