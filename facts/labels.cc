@@ -238,11 +238,42 @@ char16_t foldLetter(char16_t c, char16_t& extra) {
 
 bool isLetter(char16_t c) { return (c >= u'a' && c <= u'z'); }
 
+// "excl. VAT", "ohne USt", "hors TVA" name the net; "incl. VAT", "inkl.
+// MwSt", "TVA incluse" the gross: every word for "without" and "with" before
+// every name of the tax.
+const std::u16string_view kTaxNames[] = {u"ust", u"mwst", u"umsatzsteuer", u"steuer", u"vat", u"tax",
+                                         u"gst", u"tva", u"taxes", u"iva", u"btw"};
+const std::u16string_view kWithout[] = {u"excl", u"exkl", u"ohne", u"ex", u"hors", u"sin", u"senza",
+                                        u"exclusief", u"excluding", u"exclusive of", u"before", u"net of"};
+const std::u16string_view kWith[] = {u"incl", u"inkl", u"inc", u"including", u"inclusive of", u"mit",
+                                     u"avec", u"con", u"inclusief", u"compresa"};
+
+const std::vector<LMLabel>& allLabels() {
+  static const auto* labels = [] {
+    static std::vector<std::u16string> texts;  // stable storage for the views
+    texts.reserve(std::size(kTaxNames) * (std::size(kWithout) + std::size(kWith)));
+    auto* all = new std::vector<LMLabel>(kLabels);
+    auto add = [&](std::u16string_view word, std::u16string_view tax, LMLabelRole role) {
+      texts.push_back(std::u16string(word) + u" " + std::u16string(tax));
+      for (const LMLabel& l : kLabels) {
+        if (l.text == texts.back()) return;
+      }
+      all->push_back({texts.back(), role, 0.6});
+    };
+    for (std::u16string_view tax : kTaxNames) {
+      for (std::u16string_view w : kWithout) add(w, tax, R::kNet);
+      for (std::u16string_view w : kWith) add(w, tax, R::kGross);
+    }
+    return all;
+  }();
+  return *labels;
+}
+
 // The labels by their first word, for lookups at each word start.
 const std::unordered_map<std::u16string_view, std::vector<const LMLabel*>>& byFirstWord() {
   static const auto* map = [] {
     auto* m = new std::unordered_map<std::u16string_view, std::vector<const LMLabel*>>();
-    for (const LMLabel& label : kLabels) {
+    for (const LMLabel& label : allLabels()) {
       const size_t space = label.text.find(u' ');
       (*m)[label.text.substr(0, space)].push_back(&label);
     }
@@ -345,4 +376,4 @@ std::vector<LMLabelMatch> lmFindLabels(std::u16string_view folded) {
   return out;
 }
 
-const std::vector<LMLabel>& lmLabelTable() { return kLabels; }
+const std::vector<LMLabel>& lmLabelTable() { return allLabels(); }

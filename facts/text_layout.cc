@@ -223,6 +223,7 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       }
     }
   }
+  markValuesOnRows(parser);
   int best = 0;
   for (const auto& [country, count] : votes) {
     if (count > best) best = count, country_ = country;
@@ -268,6 +269,26 @@ void LMTextLayout::collectAmounts(const LMReceiptParser& parser, int64_t page, s
   }
 }
 
+void LMTextLayout::markValuesOnRows(const LMReceiptParser& parser) {
+  auto mark = [&](const LMFoundElement& e) {
+    const LMRect box = e.bbox().standardized();
+    for (LMLabelHit& hit : labels_) {
+      if (hit.page == e.page() && box.x >= hit.box.x + hit.box.width - 1 && lmSameRow(hit.box, box)) {
+        hit.valueOnRow = true;
+      }
+    }
+  };
+  auto markAll = [&](const auto& elements) {
+    if (!elements) return;
+    for (const auto& e : *elements) {
+      if (e) mark(*e);
+    }
+  };
+  markAll(parser.numbers());
+  markAll(parser.dates());
+  markAll(std::optional(extraAmounts_));
+}
+
 double LMTextLayout::roleWeight(LMLabelRole role) const {
   double sum = 0;
   for (const LMLabelHit& hit : labels_) sum += hit.label->role == role ? hit.label->weight : 0;
@@ -289,6 +310,8 @@ LMRoleTies LMTextLayout::ties(const LMFoundElement& element, bool lastOnRow) con
       if (!row || l.x + l.width > row->box.x + row->box.width) row = &hit;
       continue;
     }
+    // A label with its own value on its row does not head a column.
+    if (hit.valueOnRow) continue;
     const double gap = l.y - (e.y + e.height);  // label above: positive
     const double reach = kColumnReach * std::max(e.height, 1.0);
     if (gap > -1 && gap < reach && overlap(l.x, l.x + l.width, e.x, e.x + e.width) > 0) {

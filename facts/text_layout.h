@@ -26,6 +26,7 @@ struct LMLabelHit {
   int64_t page;
   LMRect box;           // PDF points, origin bottom left (as the elements' boxes)
   std::u16string text;  // as printed
+  bool valueOnRow = false;  // an amount or date stands to its right on its row
 };
 
 // A currency named on a page.
@@ -77,6 +78,7 @@ class LMTextLayout {
   LMRoleTies ties(const LMFoundElement& element, bool lastOnRow) const;
 
  private:
+  void markValuesOnRows(const LMReceiptParser& parser);
   void collectAmounts(const LMReceiptParser& parser, int64_t page, std::u16string_view text);
 
   std::vector<std::u16string> pageTexts_;
