@@ -8,7 +8,8 @@ negative; "gross_alt" lists other defensible gross values), currency as the
 code, the issue date as YYYY-MM-DD. Files alternate between two halves in
 manifest order within each folder (1st, 3rd, ... are "dev", the others
 "held-out"); both are reported, since a gap between them is a warning sign.
-Also counts the wrong values the facts were sure of (score >= 0.9).
+A field whose truth the manifest leaves null is not counted. Also counts the
+wrong values the facts were sure of (score >= 0.9).
 
 usage: facts_accuracy.py [--lmreceipt PATH] [--corpus DIR] [--half dev|held-out|all]
                          [--show-wrong]
@@ -79,7 +80,12 @@ def table(title, groups):
     for name in sorted(groups):
         results = groups[name]
         n = len(results)
-        cells = "".join(f"{100.0 * sum(r[f] for r in results) / n:>9.1f}%" for f in FIELDS)
+
+        def share(field):
+            known = [r[field] for r in results if r[field] is not None]
+            return 100.0 * sum(known) / len(known) if known else float("nan")
+
+        cells = "".join(f"{share(f):>9.1f}%" for f in FIELDS)
         print(f"{name:<24}{n:>4}{cells}")
 
 
@@ -106,6 +112,9 @@ def main():
         result = {}
         for field in FIELDS:
             value = got.get(field)
+            if row.get(TRUTH_KEY[field]) is None:
+                result[field] = None  # the truth is not known: not counted
+                continue
             result[field] = is_right(field, row, value)
             score = ((got.get("evidence") or {}).get(field) or {}).get("score") or 0
             if not result[field] and value is not None and score >= SURE:

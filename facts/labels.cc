@@ -44,7 +44,7 @@ const std::vector<LMLabel> kLabels = {
     {u"totaal te betalen", R::kGross, 1.0}, {u"totaal incl btw", R::kGross, 1.0},
     {u"totaal inclusief btw", R::kGross, 1.0}, {u"incl btw", R::kGross, 0.6},
     {u"factuurbedrag", R::kGross, 1.0}, {u"eindtotaal", R::kGross, 1.0},
-    {u"payable", R::kGross, 0.6}, {u"gesamtbeitrag", R::kGross, 0.9}, {u"beitrag", R::kGross, 0.5}, {u"due payable", R::kGross, 0.9}, {u"inc gst", R::kGross, 0.6},
+    {u"payable", R::kGross, 0.6}, {u"gesamtbeitrag", R::kGross, 0.6}, {u"rechnungsbeitrag", R::kGross, 1.0}, {u"beitrag", R::kGross, 0.5}, {u"due payable", R::kGross, 0.9}, {u"inc gst", R::kGross, 0.6},
     {u"incl gst", R::kGross, 0.6}, {u"including gst", R::kGross, 0.6},
 
     // Net: the total without tax.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
-#include <cstdio>
 
 #include "analysis/receipt_parser.h"
 
@@ -203,7 +202,6 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     a.gross = role(LMLabelRole::kGross);
     a.net = role(LMLabelRole::kNet);
     a.tax = role(LMLabelRole::kTax);
-    if (getenv("LMDBG")) fprintf(stderr, "amt %lld g%.2f n%.2f t%.2f o%.2f box %.0f %.0f %.0f %.0f\n", (long long)a.element->integerValue(), a.gross, a.net, a.tax, other, box.x, box.y, box.width, box.height);
     a.grossAnchor = ties.anchorOf(LMLabelRole::kGross);
     a.netAnchor = ties.anchorOf(LMLabelRole::kNet);
     a.taxAnchor = ties.anchorOf(LMLabelRole::kTax);
