@@ -193,7 +193,7 @@ const std::vector<LMLabel> kLabels = {
     {u"vrijgesteld van btw", R::kZeroTax, 1.0},
 
     // Wording of till receipts.
-    {u"kassenbon", R::kReceipt, 1.0}, {u"bon nr", R::kReceipt, 1.0}, {u"kasse", R::kReceipt, 0.6},
+    {u"kassenbon", R::kReceipt, 1.0}, {u"bon nr", R::kReceipt, 1.0}, {u"bonnr", R::kReceipt, 1.0}, {u"kasse", R::kReceipt, 0.6},
     {u"quittung", R::kReceipt, 0.8}, {u"kassenbeleg", R::kReceipt, 1.0},
     {u"ticket de caisse", R::kReceipt, 1.0}, {u"scontrino", R::kReceipt, 1.0},
     {u"kassabon", R::kReceipt, 1.0}, {u"cash receipt", R::kReceipt, 1.0},

@@ -187,16 +187,15 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   for (size_t i = 0; i < amounts.size(); ++i) {
     Amount& a = amounts[i];
     a.order = i;
-    bool last = true;
+    double next = kLMNoNextValue;
     const LMRect box = a.element->bbox().standardized();
     for (const Amount& b : amounts) {
       const LMRect other = b.element->bbox().standardized();
       if (&b != &a && b.element->page() == a.element->page() && lmSameRow(box, other) && other.x > box.x) {
-        last = false;
-        break;
+        next = std::min(next, other.x);
       }
     }
-    const LMRoleTies ties = layout.ties(*a.element, last);
+    const LMRoleTies ties = layout.ties(*a.element, next);
     const double other = ties.of(LMLabelRole::kOtherAmount);
     auto role = [&](LMLabelRole r) { return ties.of(r) > other ? ties.of(r) : ties.of(r) * 0.3; };
     a.gross = role(LMLabelRole::kGross);

@@ -229,7 +229,7 @@ void chooseIssueDate(const LMReceiptParser& parser, const LMTextLayout& layout, 
   for (size_t i = 0; i < dates.size(); ++i) {
     const LMFoundDate* d = dates[i].get();
     if (!d || !d->date() || dayOf(*d, layout.country()) > todayText || inPeriod[i]) continue;
-    const LMRoleTies ties = layout.ties(*d, true);
+    const LMRoleTies ties = layout.ties(*d);
     // "Rechnung Nr. 123 vom 01.02.2024", "Invoice #12 issued 2024-02-01".
     const double issue = std::max(ties.of(LMLabelRole::kIssueDate), 0.85 * ties.onRowOf(LMLabelRole::kTitle));
     if (ties.of(LMLabelRole::kOtherDate) >= 0.5 && ties.of(LMLabelRole::kOtherDate) >= issue) continue;

@@ -295,15 +295,17 @@ double LMTextLayout::roleWeight(LMLabelRole role) const {
   return sum;
 }
 
-LMRoleTies LMTextLayout::ties(const LMFoundElement& element, bool lastOnRow) const {
+LMRoleTies LMTextLayout::ties(const LMFoundElement& element, double nextOnRow) const {
   LMRoleTies out;
   const LMRect e = element.bbox().standardized();
   const LMLabelHit* row = nullptr;
   const LMLabelHit* column = nullptr;
   double columnGap = 0;
+  bool closed = nextOnRow >= kLMNoNextValue;  // the last value, or a label follows it
   for (const LMLabelHit& hit : labels_) {
     if (hit.page != element.page()) continue;
     const LMRect& l = hit.box;
+    if (!closed && lmSameRow(l, e) && l.x >= e.x + e.width - 1 && l.x < nextOnRow) closed = true;
     if (lmSameRow(l, e) && l.x + l.width <= e.x + 1) {
       const size_t role = static_cast<size_t>(hit.label->role);
       out.onRow[role] = std::max(out.onRow[role], hit.label->weight);
@@ -324,7 +326,7 @@ LMRoleTies LMTextLayout::ties(const LMFoundElement& element, bool lastOnRow) con
     const double s = hit->label->weight * factor;
     if (s > out.score[role]) out.score[role] = s, out.anchor[role] = hit;
   };
-  tie(row, lastOnRow ? 1.0 : kInnerOfRow);
+  tie(row, closed ? 1.0 : kInnerOfRow);
   if (column) {
     const double reach = kColumnReach * std::max(e.height, 1.0);
     tie(column, 0.8 - 0.3 * std::max(0.0, columnGap) / reach);

@@ -20,6 +20,8 @@
 
 class LMReceiptParser;
 
+inline constexpr double kLMNoNextValue = 1e12;
+
 // A label on a page.
 struct LMLabelHit {
   const LMLabel* label;
@@ -73,9 +75,13 @@ class LMTextLayout {
   double roleWeight(LMLabelRole role) const;
 
   // The labels that tie `element`: the nearest label on its row to its
-  // left (the row's last amount ties fully, others less), and the nearest
-  // label above it in its column (a table head or a label over its value).
-  LMRoleTies ties(const LMFoundElement& element, bool lastOnRow) const;
+  // left, and the nearest label above it in its column (a table head or a
+  // label over its value). On a row of several values ("netto 100,00 MwSt
+  // 19,00", "USt 19% von 100,00 = 19,00") a value ties fully when it is the
+  // row's last or another label follows it before the next value; those
+  // between tie less. `nextOnRow`: where the next value to its right begins
+  // (infinity when none).
+  LMRoleTies ties(const LMFoundElement& element, double nextOnRow = kLMNoNextValue) const;
 
  private:
   void markValuesOnRows(const LMReceiptParser& parser);

@@ -1,0 +1,255 @@
+// Text facts on small hand-made pages: one per language and rule.
+#include <gtest/gtest.h>
+
+#include "analysis/receipt_parser.h"
+#include "document/fake_pdf_file_test_util.h"
+#include "document/receipt_document.h"
+#include "facts/labels.h"
+#include "facts/text_facts.h"
+#include "kit/unicode.h"
+
+namespace {
+
+// A page whose text has fixed-width characters: a range's box is its share
+// of its line's box.
+class MonospacePage : public LMFakePdfPage {
+ public:
+  LMRect boundsForRange(LMTextRange range) const override {
+    if (!range.fitsIn(string_.size())) return LMRect::null();
+    for (const LMPdfTextLine& line : lines_) {
+      if (range.location < line.range.location || range.end() > line.range.end()) continue;
+      const double unit = line.bounds.width / std::max<uint64_t>(line.range.length, 1);
+      return {line.bounds.x + unit * (range.location - line.range.location), line.bounds.y,
+              unit * range.length, line.bounds.height};
+    }
+    return LMRect::zero();
+  }
+};
+
+// A row of text at (x, y) from the bottom left, 5 points per character.
+struct Row {
+  const char16_t* text;
+  double x;
+  double y;
+};
+
+struct Parsed {
+  LMReceiptParser parser;
+  LMFacts facts;
+};
+
+std::unique_ptr<Parsed> analyse(const std::vector<Row>& rows) {
+  auto page = std::make_shared<MonospacePage>();
+  page->mediaBox_ = {0, 0, 595, 842};
+  for (const Row& row : rows) {
+    const std::u16string text(row.text);
+    if (!page->string_.empty()) page->string_ += u'\n';
+    page->lines_.push_back({LMTextRange::make(page->string_.size(), text.size()),
+                            {row.x, row.y, 5.0 * text.size(), 10}});
+    page->string_ += text;
+  }
+  page->attributed_.string = page->string_;
+  auto file = std::make_shared<LMFakePdfFile>();
+  file->string_ = page->string_;
+  file->pages_.push_back(page);
+  auto out = std::make_unique<Parsed>();
+  out->parser.setDoc(std::make_shared<LMReceiptDocument>(std::make_shared<LMPDFDocument>(file)));
+  out->parser.work();
+  out->facts = lmTextFacts(out->parser, LMDate::fromComponents(2026, 6, 1, 12));
+  return out;
+}
+
+std::string text(const std::optional<LMDecimal>& d) { return d ? d->stringValue() : "-"; }
+std::string text(const std::optional<std::u16string>& s) { return s ? lmUtf8(*s) : "-"; }
+
+struct Case {
+  const char* name;
+  std::vector<Row> rows;
+  const char* gross;
+  const char* net;
+  const char* tax;
+  const char* currency;
+  const char* date;
+  const char* kind = "invoice";
+};
+
+void expectFacts(const Case& c) {
+  SCOPED_TRACE(c.name);
+  const auto parsed = analyse(c.rows);
+  const LMFacts& f = parsed->facts;
+  EXPECT_EQ(c.gross, text(f.gross));
+  EXPECT_EQ(c.net, text(f.net));
+  EXPECT_EQ(c.tax, text(f.tax));
+  EXPECT_EQ(c.currency, text(f.currency));
+  EXPECT_EQ(c.date, text(f.issueDate));
+  EXPECT_EQ(c.kind, lmUtf8(f.kind));
+}
+
+TEST(TextFactsTest, LabelsOfSixLanguages) {
+  const Case cases[] = {
+      {"de",
+       {{u"Rechnung Nr. 4711", 60, 760}, {u"Rechnungsdatum: 05.03.2024", 300, 740},
+        {u"Fälligkeitsdatum: 19.03.2024", 300, 725}, {u"Summe netto    100,00 EUR", 300, 400},
+        {u"MwSt 19 %       19,00 EUR", 300, 385}, {u"Gesamtbetrag   119,00 EUR", 300, 370}},
+       "119", "100", "19", "EUR", "2024-03-05"},
+      {"en, US",
+       {{u"Invoice Date: 03/04/2023", 300, 740}, {u"Due Date: 04/03/2023", 300, 725},
+        {u"Scranton PA, United States", 60, 700}, {u"Subtotal   $ 200.00", 350, 400},
+        {u"Sales tax  $ 16.50", 350, 385}, {u"Grand total $ 216.50", 350, 370}},
+       "216.5", "200", "16.5", "USD", "2023-03-04"},
+      {"fr",
+       {{u"Date de facture : 05/04/2024", 300, 740}, {u"Date d'échéance : 05/05/2024", 300, 725},
+        {u"Total HT    500,00 €", 350, 400}, {u"TVA 20 %    100,00 €", 350, 385},
+        {u"Total TTC   600,00 €", 350, 370}},
+       "600", "500", "100", "EUR", "2024-04-05"},
+      {"it",
+       {{u"Data fattura 12/02/2024", 300, 740}, {u"Imponibile       1.000,00", 350, 400},
+        {u"IVA 22%            220,00", 350, 385}, {u"Totale documento € 1.220,00", 350, 370}},
+       "1220", "1000", "220", "EUR", "2024-02-12"},
+      {"es",
+       {{u"Fecha de factura: 15/01/2024", 300, 740}, {u"Base imponible  50,00 €", 350, 400},
+        {u"IVA 21%         10,50 €", 350, 385}, {u"Importe total   60,50 €", 350, 370}},
+       "60.5", "50", "10.5", "EUR", "2024-01-15"},
+      {"nl",
+       {{u"Factuurdatum 01-02-2024", 300, 740}, {u"Totaal excl. BTW  € 80,00", 350, 400},
+        {u"BTW 21%           € 16,80", 350, 385}, {u"Totaal incl. BTW  € 96,80", 350, 370}},
+       "96.8", "80", "16.8", "EUR", "2024-02-01"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, GeometryAndArithmetic) {
+  const Case cases[] = {
+      // Labels over their values; the lines' subtotals are no net.
+      {"below in the column",
+       {{u"Invoice Date:", 350, 500}, {u"15/02/2020", 350, 488}, {u"Auckland, New Zealand", 60, 700},
+        {u"Subtotal $ 40.00", 60, 460}, {u"Subtotal", 350, 440}, {u"$ 90.00", 350, 428},
+        {u"GST 15%", 350, 410}, {u"$ 13.50", 350, 398}, {u"Total", 350, 380}, {u"$ 103.50", 350, 368}},
+       "103.5", "90", "13.5", "NZD", "2020-02-15"},
+      // Two rates: the per-rate amounts add up to net and tax.
+      {"two rates",
+       {{u"Datum: 02.02.2024", 300, 740}, {u"netto 19%  100,00  MwSt  19,00", 250, 400},
+        {u"netto 7%    50,00  MwSt   3,50", 250, 385}, {u"Endsumme        172,50 €", 250, 370}},
+       "172.5", "150", "22.5", "EUR", "2024-02-02"},
+      // A small business charges no tax and says why.
+      {"zero tax",
+       {{u"Datum: 10.01.2024", 300, 740}, {u"Kein Ausweis der Umsatzsteuer (Kleinunternehmer)", 60, 420},
+        {u"Gesamtbetrag   250,00 €", 300, 400}},
+       "250", "250", "0", "EUR", "2024-01-10"},
+      // Change and cash given are no totals; the tax table adds up.
+      {"till receipt",
+       {{u"SUMME          EUR  13,05", 60, 600}, {u"Geg. BAR       EUR  20,00", 60, 585},
+        {u"Rückgeld BAR   EUR   6,95", 60, 570}, {u"Steuer  %   Netto  Steuer  Brutto", 60, 540},
+        {u"A= 19,0%     10,97    2,08   13,05", 60, 525}, {u"13.01.2020  17:25  Bon-Nr.:933", 60, 500}},
+       "13.05", "10.97", "2.08", "EUR", "2020-01-13", "receipt"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, CreditNotesAndSelfBilling) {
+  const Case cases[] = {
+      {"credit note printed negative",
+       {{u"AVOIR N° AV-12", 60, 780}, {u"Date : 03/03/2024", 300, 740}, {u"Total HT   -100,00 €", 350, 400},
+        {u"TVA 20 %    -20,00 €", 350, 385}, {u"Total TTC  -120,00 €", 350, 370}},
+       "-120", "-100", "-20", "EUR", "2024-03-03", "credit-note"},
+      {"credit note printed positive",
+       {{u"Credit note CN-7", 60, 780}, {u"Date: 2024-03-03", 300, 740}, {u"Net total   £ 50.00", 350, 400},
+        {u"VAT 20%     £ 10.00", 350, 385}, {u"Total       £ 60.00", 350, 370}},
+       "-60", "-50", "-10", "GBP", "2024-03-03", "credit-note"},
+      // "Gutschrift" titles a self-billed invoice: positive.
+      {"self-billed",
+       {{u"Gutschrift Nr. 5", 60, 780}, {u"Datum: 04.03.2024", 300, 740}, {u"Nettobetrag   200,00 €", 350, 400},
+        {u"USt 19 %       38,00 €", 350, 385}, {u"Gesamtbetrag  238,00 €", 350, 370}},
+       "238", "200", "38", "EUR", "2024-03-04"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, DatesByRole) {
+  const Case cases[] = {
+      // Order and delivery dates, a period and a day after today are passed over.
+      {"labels and periods",
+       {{u"Bestelldatum: 01.02.2024", 300, 760}, {u"Lieferdatum: 03.02.2024", 300, 745},
+        {u"Leistungszeitraum 01.01.2024 - 31.01.2024", 60, 730}, {u"Datum: 05.02.2024", 300, 715}},
+       "-", "-", "-", "-", "2024-02-05"},
+      {"no label: the first date that is no period end",
+       {{u"Zeitraum vom 06.12.2023 bis zum 06.12.2024", 60, 760}, {u"24.01.2024", 300, 740},
+        {u"27.01.2024", 300, 700}},
+       "-", "-", "-", "-", "2024-01-24"},
+      {"after today", {{u"Rechnungsdatum 01.01.2099", 300, 760}, {u"Kassenbon 01.02.2024", 60, 740}},
+       "-", "-", "-", "-", "2024-02-01", "receipt"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, CurrencyFromEvidence) {
+  struct CurrencyCase {
+    const char* name;
+    std::vector<Row> rows;
+    const char* currency;
+    const char* rule;
+  } cases[] = {
+      {"code beside the total", {{u"Total  CHF 54.00", 300, 400}, {u"EUR 1 = CHF 0.95", 60, 300}}, "CHF",
+       "near the amount"},
+      {"dollar by the address", {{u"ABN 51 824 753 556, Sydney", 60, 700}, {u"Total $ 20.00", 300, 400}}, "AUD",
+       "symbol near the amount, read by the country"},
+      {"most frequent mention", {{u"Total 20.00", 300, 400}, {u"Prices in GBP", 60, 300}, {u"GBP only", 60, 280}},
+       "GBP", "the only currency mentioned"},
+      {"none", {{u"Total 20.00", 300, 400}}, "-", ""},
+  };
+  for (const CurrencyCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto parsed = analyse(c.rows);
+    EXPECT_EQ(c.currency, text(parsed->facts.currency));
+    if (parsed->facts.currency) {
+      EXPECT_EQ(lmUtf16(c.rule), parsed->facts.evidence.at(u"currency").at(u"rule").toString());
+    }
+  }
+}
+
+TEST(TextFactsTest, EvidenceAndTheStandardElementsUntouched) {
+  const auto parsed = analyse({{u"Rechnungsdatum: 05.03.2024", 300, 740}, {u"Summe netto  100,00 EUR", 300, 400},
+                               {u"MwSt 19 %     19,00 EUR", 300, 385}, {u"Gesamtbetrag 119,00 EUR", 300, 370}});
+  const std::u16string before = LMValue(parsed->parser.result()).description();
+  const LMFacts again = lmTextFacts(parsed->parser, LMDate::fromComponents(2026, 6, 1, 12));
+  EXPECT_EQ(before, LMValue(parsed->parser.result()).description());
+  const LMDictionary& gross = *again.evidence.at(u"gross").asDictionary();
+  EXPECT_EQ(u"Gesamtbetrag", gross.at(u"anchor").toString());
+  EXPECT_EQ(u"119,00", gross.at(u"text").toString());
+  ASSERT_TRUE(gross.at(u"score").asDouble());
+  EXPECT_GE(*gross.at(u"score").asDouble(), 0.9);
+  EXPECT_EQ(0, gross.at(u"page").toInt());
+  EXPECT_FALSE(again.failed(u"gross-total"));
+  EXPECT_FALSE(again.failed(u"rate-tax"));
+}
+
+TEST(LabelsTest, FoldedMatching) {
+  struct LabelCase {
+    const char16_t* text;
+    const char16_t* label;  // folded; null: no label
+  } cases[] = {
+      {u"Gesamt-\nbetrag:", u"gesamtbetrag"}, {u"TOTAL TTC", u"total ttc"},
+      {u"Fälligkeitsdatum", u"falligkeitsdatum"}, {u"T0tal:", u"total"},
+      {u"Subtotal", u"subtotal"}, {u"Net à payer", u"net a payer"},
+      {u"Importe  total", u"importe total"}, {u"excl. BTW", u"excl btw"},
+      {u"Totalement", nullptr}, {u"Rückgeld", u"ruckgeld"},
+  };
+  for (const LabelCase& c : cases) {
+    SCOPED_TRACE(lmUtf8(c.text));
+    const LMFoldedText folded = lmFoldLabelText(c.text);
+    const auto found = lmFindLabels(folded.text);
+    if (!c.label) {
+      EXPECT_TRUE(found.empty());
+      continue;
+    }
+    ASSERT_FALSE(found.empty());
+    EXPECT_EQ(c.label, found.front().label->text);
+  }
+  // Every label is stored folded, so that folded text can find it.
+  for (const LMLabel& label : lmLabelTable()) {
+    SCOPED_TRACE(lmUtf8(label.text));
+    EXPECT_EQ(label.text, lmFoldLabelText(label.text).text);
+  }
+}
+
+}  // namespace
