@@ -208,8 +208,11 @@ struct DateCandidate {
 // period's end, or a day after today.
 void chooseIssueDate(const LMReceiptParser& parser, const LMTextLayout& layout, const LMDate& today,
                      LMFacts& facts) {
-  if (!parser.dates()) return;
-  const auto& dates = *parser.dates();
+  std::vector<const LMFoundDate*> dates;
+  if (parser.dates()) {
+    for (const auto& d : *parser.dates()) dates.push_back(d.get());
+  }
+  for (const auto& d : layout.extraDates()) dates.push_back(d.get());
   std::vector<bool> inPeriod(dates.size(), false);
   for (size_t i = 0; i < dates.size(); ++i) {
     for (size_t j = 0; j < dates.size(); ++j) {
@@ -227,7 +230,7 @@ void chooseIssueDate(const LMReceiptParser& parser, const LMTextLayout& layout, 
   std::vector<DateCandidate> candidates;
   size_t unlabelled = 0;
   for (size_t i = 0; i < dates.size(); ++i) {
-    const LMFoundDate* d = dates[i].get();
+    const LMFoundDate* d = dates[i];
     if (!d || !d->date() || dayOf(*d, layout.country()) > todayText || inPeriod[i]) continue;
     const LMRoleTies ties = layout.ties(*d);
     // "Rechnung Nr. 123 vom 01.02.2024", "Invoice #12 issued 2024-02-01".

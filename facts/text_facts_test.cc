@@ -176,6 +176,13 @@ TEST(TextFactsTest, DatesByRole) {
        {{u"Zeitraum vom 06.12.2023 bis zum 06.12.2024", 60, 760}, {u"24.01.2024", 300, 740},
         {u"27.01.2024", 300, 700}},
        "-", "-", "-", "-", "2024-01-24"},
+      {"month name, de", {{u"Rechnungsdatum: 3. März 2024", 300, 760}}, "-", "-", "-", "-", "2024-03-03"},
+      {"month name, en", {{u"Invoice date: March 3, 2024", 300, 760}}, "-", "-", "-", "-", "2024-03-03"},
+      {"month name, fr", {{u"Date de facture : 5 février 2024", 300, 760}}, "-", "-", "-", "-", "2024-02-05"},
+      {"month name, it", {{u"Data fattura: 12 marzo 2024", 300, 760}}, "-", "-", "-", "-", "2024-03-12"},
+      {"month name, es", {{u"Fecha: 15 de enero de 2024", 300, 760}}, "-", "-", "-", "-", "2024-01-15"},
+      {"month name, nl", {{u"Factuurdatum: 1 februari 2024", 300, 760}}, "-", "-", "-", "-", "2024-02-01"},
+      {"two-digit year", {{u"Datum: 31.01.24", 300, 760}}, "-", "-", "-", "-", "2024-01-31"},
       {"after today", {{u"Rechnungsdatum 01.01.2099", 300, 760}, {u"Kassenbon 01.02.2024", 60, 740}},
        "-", "-", "-", "-", "2024-02-01", "receipt"},
   };

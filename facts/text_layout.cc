@@ -6,6 +6,7 @@
 #include "analysis/receipt_parser.h"
 #include "document/pdf_page.h"
 #include "document/receipt_document.h"
+#include "kit/unicode.h"
 
 namespace {
 
@@ -147,6 +148,43 @@ size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths) {
   return j - i;
 }
 
+// Month names of the six languages, folded, with abbreviations.
+const std::pair<std::u16string_view, int> kMonths[] = {
+    {u"januar", 1},     {u"january", 1},   {u"janvier", 1},   {u"gennaio", 1},  {u"enero", 1},
+    {u"januari", 1},    {u"jan", 1},       {u"februar", 2},   {u"february", 2}, {u"fevrier", 2},
+    {u"febbraio", 2},   {u"febrero", 2},   {u"februari", 2},  {u"feb", 2},      {u"marz", 3},
+    {u"march", 3},      {u"mars", 3},      {u"marzo", 3},     {u"maart", 3},    {u"mar", 3},
+    {u"april", 4},      {u"avril", 4},     {u"aprile", 4},    {u"abril", 4},    {u"apr", 4},
+    {u"mai", 5},        {u"may", 5},       {u"maggio", 5},    {u"mayo", 5},     {u"mei", 5},
+    {u"juni", 6},       {u"june", 6},      {u"juin", 6},      {u"giugno", 6},   {u"junio", 6},
+    {u"jun", 6},        {u"juli", 7},      {u"july", 7},      {u"juillet", 7},  {u"luglio", 7},
+    {u"julio", 7},      {u"jul", 7},       {u"august", 8},    {u"aout", 8},     {u"agosto", 8},
+    {u"augustus", 8},   {u"aug", 8},       {u"september", 9}, {u"septembre", 9}, {u"settembre", 9},
+    {u"septiembre", 9}, {u"setiembre", 9}, {u"sep", 9},       {u"sept", 9},     {u"oktober", 10},
+    {u"october", 10},   {u"octobre", 10},  {u"ottobre", 10},  {u"octubre", 10}, {u"okt", 10},
+    {u"oct", 10},       {u"november", 11}, {u"novembre", 11}, {u"noviembre", 11}, {u"nov", 11},
+    {u"dezember", 12},  {u"december", 12}, {u"decembre", 12}, {u"dicembre", 12}, {u"diciembre", 12},
+    {u"dez", 12},       {u"dec", 12},
+};
+
+int monthOf(std::u16string_view word) {
+  for (const auto& [name, month] : kMonths) {
+    if (name == word) return month;
+  }
+  return 0;
+}
+
+// A number of 1 to 4 digits, or -1.
+int numberOf(std::u16string_view word) {
+  if (word.empty() || word.size() > 4) return -1;
+  int n = 0;
+  for (char16_t c : word) {
+    if (!isDigit(c)) return -1;
+    n = n * 10 + (c - u'0');
+  }
+  return n;
+}
+
 }  // namespace
 
 bool lmSameRow(const LMRect& a, const LMRect& b) {
@@ -176,6 +214,7 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
     }
     collectRates(text, rates_);
     collectAmounts(parser, page, text);
+    collectDates(parser, page, text, folded);
     for (const CountryClue& clue : kCountryClues) {
       for (size_t at = folded.text.find(clue.folded); at != std::u16string::npos;
            at = folded.text.find(clue.folded, at + 1)) {
@@ -234,6 +273,82 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
   }
 }
 
+void LMTextLayout::place(LMFoundElement& element, const LMReceiptParser& parser, int64_t page, LMTextRange range,
+                         std::u16string_view text) const {
+  LMFoundElement* e = &element;
+  e->setPage(page);
+  e->setRange(range);
+  e->setString(std::u16string(text.substr(range.location, range.length)));
+  e->setBbox(parser.doc()->boundsForTextRange(range, page));
+  if (parser.doc()->pdfDoc()) {
+    if (auto p = parser.doc()->pdfDoc()->pageAtIndex(page)) e->setPageBox(p->mediaBox());
+  }
+}
+
+void LMTextLayout::collectDates(const LMReceiptParser& parser, int64_t page, std::u16string_view text,
+                                const LMFoldedText& folded) {
+  // The words of the folded text with where they begin and end.
+  struct Word {
+    std::u16string_view text;
+    size_t begin, end;  // in the folded text
+  };
+  std::vector<Word> words;
+  const std::u16string_view f = folded.text;
+  for (size_t i = 0; i < f.size();) {
+    if (f[i] == u' ') {
+      ++i;
+      continue;
+    }
+    size_t j = i;
+    while (j < f.size() && f[j] != u' ') ++j;
+    words.push_back({f.substr(i, j - i), i, j});
+    i = j;
+  }
+  auto known = [&](LMTextRange range) {
+    if (!parser.dates()) return false;
+    for (const auto& d : *parser.dates()) {
+      if (d && d->page() == page && d->range().intersects(range)) return true;
+    }
+    return false;
+  };
+  for (size_t i = 0; i < words.size(); ++i) {
+    const int month = monthOf(words[i].text);
+    if (month == 0) continue;
+    // "12 marzo 2024", "15 de enero de 2024", "3 maart 2024"; "March 3 2024".
+    size_t first = i, last = i;
+    int day = -1, year = -1;
+    if (i > 0 && numberOf(words[i - 1].text) >= 1 && numberOf(words[i - 1].text) <= 31) {
+      day = numberOf(words[i - 1].text), first = i - 1;
+    } else if (i > 1 && words[i - 1].text == u"de" && numberOf(words[i - 2].text) >= 1 &&
+               numberOf(words[i - 2].text) <= 31) {
+      day = numberOf(words[i - 2].text), first = i - 2;
+    }
+    size_t k = i + 1;
+    if (day < 0 && k < words.size() && numberOf(words[k].text) >= 1 && numberOf(words[k].text) <= 31) {
+      day = numberOf(words[k].text), ++k;
+    }
+    if (k < words.size() && (words[k].text == u"de" || words[k].text == u"del")) ++k;
+    if (k < words.size() && words[k].text.size() == 4 && numberOf(words[k].text) >= 1900) {
+      year = numberOf(words[k].text), last = k;
+    }
+    if (day < 0 || year < 0) continue;
+    const auto date = LMDate::fromComponents(year, month, day);
+    if (!date || date->descriptionDate().substr(8) != (day < 10 ? u"0" : u"") + lmUtf16(std::to_string(day))) {
+      continue;
+    }
+    const size_t from = folded.origin[words[first].begin];
+    const size_t to = folded.origin[words[last].end - 1] + 1;
+    const LMTextRange range = LMTextRange::make(from, to - from);
+    if (known(range)) continue;
+    auto d = std::make_shared<LMFoundDate>();
+    place(*d, parser, page, range, text);
+    d->setDate(date);
+    d->setDateString(d->string());
+    extraDates_.push_back(std::move(d));
+    i = last;
+  }
+}
+
 void LMTextLayout::collectAmounts(const LMReceiptParser& parser, int64_t page, std::u16string_view text) {
   std::vector<LMTextRange> taken;
   auto collect = [&](const auto& elements) {
@@ -256,13 +371,7 @@ void LMTextLayout::collectAmounts(const LMReceiptParser& parser, int64_t page, s
     for (const LMTextRange& r : taken) known = known || r.intersects(range);
     if (!known) {
       auto n = std::make_shared<LMFoundNumber>(hundredths, 2);
-      n->setPage(page);
-      n->setRange(range);
-      n->setString(std::u16string(text.substr(i, length)));
-      n->setBbox(parser.doc()->boundsForTextRange(range, page));
-      if (parser.doc()->pdfDoc()) {
-        if (auto p = parser.doc()->pdfDoc()->pageAtIndex(page)) n->setPageBox(p->mediaBox());
-      }
+      place(*n, parser, page, range, text);
       extraAmounts_.push_back(std::move(n));
     }
     i += length - 1;
@@ -287,6 +396,7 @@ void LMTextLayout::markValuesOnRows(const LMReceiptParser& parser) {
   markAll(parser.numbers());
   markAll(parser.dates());
   markAll(std::optional(extraAmounts_));
+  markAll(std::optional(extraDates_));
 }
 
 double LMTextLayout::roleWeight(LMLabelRole role) const {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "elements/found_element.h"
+#include "elements/found_date.h"
 #include "elements/found_number.h"
 #include "facts/labels.h"
 #include "kit/decimal.h"
@@ -63,6 +64,9 @@ class LMTextLayout {
   // front, a currency sign behind), as elements of this layout's own; the
   // standard elements stay untouched.
   const std::vector<std::shared_ptr<LMFoundNumber>>& extraAmounts() const { return extraAmounts_; }
+  // Dates with month names the standard recognizers do not know ("12 marzo
+  // 2024", "15 de enero de 2024", "1 februari 2024"), likewise the layout's own.
+  const std::vector<std::shared_ptr<LMFoundDate>>& extraDates() const { return extraDates_; }
   // Two-letter country code the document points to most (VAT id prefixes,
   // phone prefixes, country names), or empty.
   const std::u16string& country() const { return country_; }
@@ -86,12 +90,18 @@ class LMTextLayout {
  private:
   void markValuesOnRows(const LMReceiptParser& parser);
   void collectAmounts(const LMReceiptParser& parser, int64_t page, std::u16string_view text);
+  void collectDates(const LMReceiptParser& parser, int64_t page, std::u16string_view text,
+                    const LMFoldedText& folded);
+  // Puts an element of this layout's own at `range` of page `page`.
+  void place(LMFoundElement& element, const LMReceiptParser& parser, int64_t page, LMTextRange range,
+             std::u16string_view text) const;
 
   std::vector<std::u16string> pageTexts_;
   std::vector<LMLabelHit> labels_;
   std::vector<LMCurrencyMention> currencies_;
   std::vector<LMDecimal> rates_;
   std::vector<std::shared_ptr<LMFoundNumber>> extraAmounts_;
+  std::vector<std::shared_ptr<LMFoundDate>> extraDates_;
   std::u16string country_;
 };
 
