@@ -147,6 +147,37 @@ LMAmountPick loose(const Amount& a, double label, const LMLabelHit* anchor) {
   return p;
 }
 
+// Per amount: where the next amount to its right on its row begins, or
+// kLMNoNextValue. The amounts come grouped by page; within a page only
+// amounts as high as a row are compared, so the work stays near linear.
+std::vector<double> nextValuesOnRows(const std::vector<Amount>& amounts) {
+  std::vector<double> next(amounts.size(), kLMNoNextValue);
+  std::vector<size_t> byHeight;
+  for (size_t begin = 0; begin < amounts.size();) {
+    size_t end = begin;
+    double tallest = 0;
+    while (end < amounts.size() && amounts[end].element->page() == amounts[begin].element->page()) {
+      tallest = std::max(tallest, amounts[end].element->bbox().standardized().height);
+      ++end;
+    }
+    byHeight.clear();
+    for (size_t i = begin; i < end; ++i) byHeight.push_back(i);
+    auto y = [&](size_t i) { return amounts[i].element->bbox().standardized().y; };
+    std::sort(byHeight.begin(), byHeight.end(), [&](size_t a, size_t b) { return y(a) < y(b); });
+    for (size_t k = 0; k < byHeight.size(); ++k) {
+      const LMRect box = amounts[byHeight[k]].element->bbox().standardized();
+      for (size_t m = k + 1; m < byHeight.size() && y(byHeight[m]) - box.y <= tallest; ++m) {
+        const LMRect other = amounts[byHeight[m]].element->bbox().standardized();
+        if (!lmSameRow(box, other)) continue;
+        if (other.x > box.x) next[byHeight[k]] = std::min(next[byHeight[k]], other.x);
+        if (box.x > other.x) next[byHeight[m]] = std::min(next[byHeight[m]], box.x);
+      }
+    }
+    begin = end;
+  }
+  return next;
+}
+
 }  // namespace
 
 std::vector<LMDecimal> lmUsualTaxRates(std::u16string_view country) {
@@ -184,17 +215,11 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     if (followedByPercent(layout.pageText(n->page()), *n)) continue;
     amounts.push_back({n, std::llabs(n->integerValue())});
   }
+  const std::vector<double> nextOnRow = nextValuesOnRows(amounts);
   for (size_t i = 0; i < amounts.size(); ++i) {
     Amount& a = amounts[i];
     a.order = i;
-    double next = kLMNoNextValue;
-    const LMRect box = a.element->bbox().standardized();
-    for (const Amount& b : amounts) {
-      const LMRect other = b.element->bbox().standardized();
-      if (&b != &a && b.element->page() == a.element->page() && lmSameRow(box, other) && other.x > box.x) {
-        next = std::min(next, other.x);
-      }
-    }
+    const double next = nextOnRow[i];
     const LMRoleTies ties = layout.ties(*a.element, next);
     const double other = ties.of(LMLabelRole::kOtherAmount);
     auto role = [&](LMLabelRole r) { return ties.of(r) > other ? ties.of(r) : ties.of(r) * 0.3; };

@@ -213,18 +213,26 @@ void chooseIssueDate(const LMReceiptParser& parser, const LMTextLayout& layout, 
     for (const auto& d : *parser.dates()) dates.push_back(d.get());
   }
   for (const auto& d : layout.extraDates()) dates.push_back(d.get());
+  // Two dates in a row joined by "-", "bis", "to", ... bound a period.
   std::vector<bool> inPeriod(dates.size(), false);
+  std::vector<size_t> order;
   for (size_t i = 0; i < dates.size(); ++i) {
-    for (size_t j = 0; j < dates.size(); ++j) {
-      if (i == j || !dates[i] || !dates[j] || dates[i]->page() != dates[j]->page()) continue;
-      const LMTextRange a = dates[i]->range(), b = dates[j]->range();
-      const std::u16string_view text = layout.pageText(dates[i]->page());
-      if (!a.fitsIn(text.size()) || !b.fitsIn(text.size()) || b.location < a.end() ||
-          b.location - a.end() > 16) {
-        continue;
-      }
-      if (joinsPeriod(text.substr(a.end(), b.location - a.end()))) inPeriod[i] = inPeriod[j] = true;
+    if (dates[i]) order.push_back(i);
+  }
+  std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+    return dates[a]->page() != dates[b]->page() ? dates[a]->page() < dates[b]->page()
+                                                : dates[a]->range().location < dates[b]->range().location;
+  });
+  for (size_t k = 0; k + 1 < order.size(); ++k) {
+    const LMFoundDate& first = *dates[order[k]];
+    const LMFoundDate& second = *dates[order[k + 1]];
+    const LMTextRange a = first.range(), b = second.range();
+    const std::u16string_view text = layout.pageText(first.page());
+    if (first.page() != second.page() || !a.fitsIn(text.size()) || !b.fitsIn(text.size()) ||
+        b.location < a.end() || b.location - a.end() > 16) {
+      continue;
     }
+    if (joinsPeriod(text.substr(a.end(), b.location - a.end()))) inPeriod[order[k]] = inPeriod[order[k + 1]] = true;
   }
   const std::u16string todayText = today.descriptionDate();
   std::vector<DateCandidate> candidates;

@@ -36,6 +36,9 @@ const CurrencyWord kCurrencyWords[] = {
     {u"CZK", u"CZK", true},  {u"kr", u"", true},     {u"Kr.", u"", true},
 };
 
+// The first units of the currency words, to pass over all others quickly.
+constexpr std::u16string_view kCurrencyStarts = u"UCNA$\u20AC\u00A3\u20B9\u00A5EGSIRJDPkK";
+
 // Countries, by what points to them, and what their "$" and "kr" mean.
 struct CountryClue {
   std::u16string_view folded;  // a word group of the folded text
@@ -185,7 +188,45 @@ int numberOf(std::u16string_view word) {
   return n;
 }
 
+// Whether `range` shares a unit with one of `sorted` (in text order; the
+// elements' ranges are short, so a few steps back suffice).
+bool intersectsAny(const std::vector<LMTextRange>& sorted, LMTextRange range) {
+  auto it = std::lower_bound(sorted.begin(), sorted.end(), range.end(),
+                             [](const LMTextRange& r, uint64_t end) { return r.location < end; });
+  for (int steps = 0; it != sorted.begin() && steps < 16; ++steps) {
+    --it;
+    if (it->intersects(range)) return true;
+  }
+  return false;
+}
+
 }  // namespace
+
+// The boxes of a page's text, from its lines: a range's box is its share of
+// its line's box. (Asking the PDF adapter for each range's exact bounds
+// rebuilds the text of a long document's page every time.)
+struct LMPageGeometry {
+  int64_t index = 0;
+  LMRect mediaBox;
+  std::vector<LMPdfTextLine> lines;  // in text order
+
+  LMRect box(size_t from, size_t to) const {
+    LMRect out = LMRect::null();
+    auto it = std::upper_bound(lines.begin(), lines.end(), from,
+                               [](size_t at, const LMPdfTextLine& l) { return at < l.range.location; });
+    if (it != lines.begin()) --it;
+    for (; it != lines.end() && it->range.location < to; ++it) {
+      const LMTextRange r = it->range;
+      if (r.end() <= from) continue;
+      const LMRect b = it->bounds.standardized();
+      const double unit = b.width / static_cast<double>(std::max<uint64_t>(r.length, 1));
+      const size_t begin = std::max<size_t>(from, r.location), end = std::min<size_t>(to, r.end());
+      const LMRect piece{b.x + unit * (begin - r.location), b.y, unit * (end - begin), b.height};
+      out = out.isNull() ? piece : lmRectUnion(out, piece);
+    }
+    return out.isNull() ? LMRect::zero() : out;
+  }
+};
 
 bool lmSameRow(const LMRect& a, const LMRect& b) {
   const LMRect sa = a.standardized(), sb = b.standardized();
@@ -197,15 +238,40 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
   if (!parser.doc()) return;
   std::map<std::u16string, int> votes;
   std::vector<std::pair<size_t, int64_t>> symbols;  // mentions to resolve, by country
-  for (int64_t page = 0; page < parser.doc()->pageCount(); ++page) {
+  const int64_t pages = parser.doc()->pageCount();
+  // The standard elements' ranges per page, in text order: what the extra
+  // amounts and dates must leave alone.
+  std::vector<std::vector<LMTextRange>> numberRanges(pages), dateRanges(pages);
+  auto rangesOf = [&](const auto& elements, std::vector<std::vector<LMTextRange>>& into) {
+    if (!elements) return;
+    for (const auto& e : *elements) {
+      if (e && e->page() >= 0 && e->page() < pages) into[e->page()].push_back(e->range());
+    }
+    for (auto& ranges : into) {
+      std::sort(ranges.begin(), ranges.end(),
+                [](const LMTextRange& a, const LMTextRange& b) { return a.location < b.location; });
+    }
+  };
+  rangesOf(parser.numbers(), numberRanges);
+  rangesOf(parser.dates(), dateRanges);
+  for (int64_t page = 0; page < pages; ++page) {
     const LMAttributedString* attributed = parser.doc()->attributedStringForPage(page);
     if (!attributed || attributed->length() == 0) continue;
     const std::u16string text = LMPDFPage::normalizePDFString(attributed->string);
     const LMFoldedText folded = lmFoldLabelText(text);
+    LMPageGeometry geometry;
+    geometry.index = page;
+    if (auto pdfPage = parser.doc()->pdfDoc() ? parser.doc()->pdfDoc()->pageAtIndex(page) : nullptr) {
+      geometry.mediaBox = pdfPage->mediaBox();
+      geometry.lines = pdfPage->lines();
+      std::sort(geometry.lines.begin(), geometry.lines.end(), [](const LMPdfTextLine& a, const LMPdfTextLine& b) {
+        return a.range.location < b.range.location;
+      });
+    }
     if (pageTexts_.size() <= static_cast<size_t>(page)) pageTexts_.resize(page + 1);
     pageTexts_[page] = text;
     auto box = [&](size_t from, size_t to) {
-      return parser.doc()->boundsForTextRange(LMTextRange::make(from, to - from), page).standardized();
+      return geometry.box(from, to);
     };
     for (const LMLabelMatch& m : lmFindLabels(folded.text)) {
       const size_t from = folded.origin[m.begin];
@@ -213,8 +279,8 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       labels_.push_back({m.label, page, box(from, to), text.substr(from, to - from)});
     }
     collectRates(text, rates_);
-    collectAmounts(parser, page, text);
-    collectDates(parser, page, text, folded);
+    collectAmounts(geometry, text, numberRanges[page], dateRanges[page]);
+    collectDates(geometry, text, folded, dateRanges[page]);
     for (const CountryClue& clue : kCountryClues) {
       for (size_t at = folded.text.find(clue.folded); at != std::u16string::npos;
            at = folded.text.find(clue.folded, at + 1)) {
@@ -247,6 +313,7 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       }
     }
     for (size_t i = 0; i < text.size(); ++i) {
+      if (kCurrencyStarts.find(text[i]) == std::u16string_view::npos) continue;
       for (const CurrencyWord& w : kCurrencyWords) {
         if (text.compare(i, w.text.size(), w.text) != 0) continue;
         const size_t end = i + w.text.size();
@@ -273,20 +340,17 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
   }
 }
 
-void LMTextLayout::place(LMFoundElement& element, const LMReceiptParser& parser, int64_t page, LMTextRange range,
-                         std::u16string_view text) const {
-  LMFoundElement* e = &element;
-  e->setPage(page);
-  e->setRange(range);
-  e->setString(std::u16string(text.substr(range.location, range.length)));
-  e->setBbox(parser.doc()->boundsForTextRange(range, page));
-  if (parser.doc()->pdfDoc()) {
-    if (auto p = parser.doc()->pdfDoc()->pageAtIndex(page)) e->setPageBox(p->mediaBox());
-  }
+void LMTextLayout::place(LMFoundElement& e, const LMPageGeometry& page, LMTextRange range,
+                         std::u16string_view text) {
+  e.setPage(page.index);
+  e.setRange(range);
+  e.setString(std::u16string(text.substr(range.location, range.length)));
+  e.setBbox(page.box(range.location, range.end()));
+  e.setPageBox(page.mediaBox);
 }
 
-void LMTextLayout::collectDates(const LMReceiptParser& parser, int64_t page, std::u16string_view text,
-                                const LMFoldedText& folded) {
+void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view text, const LMFoldedText& folded,
+                                const std::vector<LMTextRange>& known) {
   // The words of the folded text with where they begin and end.
   struct Word {
     std::u16string_view text;
@@ -304,13 +368,6 @@ void LMTextLayout::collectDates(const LMReceiptParser& parser, int64_t page, std
     words.push_back({f.substr(i, j - i), i, j});
     i = j;
   }
-  auto known = [&](LMTextRange range) {
-    if (!parser.dates()) return false;
-    for (const auto& d : *parser.dates()) {
-      if (d && d->page() == page && d->range().intersects(range)) return true;
-    }
-    return false;
-  };
   for (size_t i = 0; i < words.size(); ++i) {
     const int month = monthOf(words[i].text);
     if (month == 0) continue;
@@ -339,9 +396,9 @@ void LMTextLayout::collectDates(const LMReceiptParser& parser, int64_t page, std
     const size_t from = folded.origin[words[first].begin];
     const size_t to = folded.origin[words[last].end - 1] + 1;
     const LMTextRange range = LMTextRange::make(from, to - from);
-    if (known(range)) continue;
+    if (intersectsAny(known, range)) continue;
     auto d = std::make_shared<LMFoundDate>();
-    place(*d, parser, page, range, text);
+    place(*d, page, range, text);
     d->setDate(date);
     d->setDateString(d->string());
     extraDates_.push_back(std::move(d));
@@ -349,16 +406,8 @@ void LMTextLayout::collectDates(const LMReceiptParser& parser, int64_t page, std
   }
 }
 
-void LMTextLayout::collectAmounts(const LMReceiptParser& parser, int64_t page, std::u16string_view text) {
-  std::vector<LMTextRange> taken;
-  auto collect = [&](const auto& elements) {
-    if (!elements) return;
-    for (const auto& e : *elements) {
-      if (e && e->page() == page) taken.push_back(e->range());
-    }
-  };
-  collect(parser.numbers());
-  collect(parser.dates());
+void LMTextLayout::collectAmounts(const LMPageGeometry& page, std::u16string_view text,
+                                  const std::vector<LMTextRange>& numbers, const std::vector<LMTextRange>& dates) {
   for (size_t i = 0; i < text.size(); ++i) {
     if (i > 0 && (isAlnum(text[i - 1]) || text[i - 1] == u'.' || text[i - 1] == u',' || text[i - 1] == u'-')) {
       continue;
@@ -367,22 +416,31 @@ void LMTextLayout::collectAmounts(const LMReceiptParser& parser, int64_t page, s
     const size_t length = amountAt(text, i, hundredths);
     if (length == 0) continue;
     const LMTextRange range = LMTextRange::make(i, length);
-    bool known = false;
-    for (const LMTextRange& r : taken) known = known || r.intersects(range);
-    if (!known) {
+    if (!intersectsAny(numbers, range) && !intersectsAny(dates, range)) {
       auto n = std::make_shared<LMFoundNumber>(hundredths, 2);
-      place(*n, parser, page, range, text);
+      place(*n, page, range, text);
       extraAmounts_.push_back(std::move(n));
     }
     i += length - 1;
   }
 }
 
+std::pair<size_t, size_t> LMTextLayout::labelsOn(int64_t page) const {
+  // labels_ is in page order.
+  auto byPage = [](const LMLabelHit& h, int64_t p) { return h.page < p; };
+  const auto from = std::lower_bound(labels_.begin(), labels_.end(), page, byPage);
+  auto to = from;
+  while (to != labels_.end() && to->page == page) ++to;
+  return {static_cast<size_t>(from - labels_.begin()), static_cast<size_t>(to - labels_.begin())};
+}
+
 void LMTextLayout::markValuesOnRows(const LMReceiptParser& parser) {
   auto mark = [&](const LMFoundElement& e) {
     const LMRect box = e.bbox().standardized();
-    for (LMLabelHit& hit : labels_) {
-      if (hit.page == e.page() && box.x >= hit.box.x + hit.box.width - 1 && lmSameRow(hit.box, box)) {
+    const auto [from, to] = labelsOn(e.page());
+    for (size_t i = from; i < to; ++i) {
+      LMLabelHit& hit = labels_[i];
+      if (box.x >= hit.box.x + hit.box.width - 1 && lmSameRow(hit.box, box)) {
         hit.valueOnRow = true;
       }
     }
@@ -412,8 +470,9 @@ LMRoleTies LMTextLayout::ties(const LMFoundElement& element, double nextOnRow) c
   const LMLabelHit* column = nullptr;
   double columnGap = 0;
   bool closed = nextOnRow >= kLMNoNextValue;  // the last value, or a label follows it
-  for (const LMLabelHit& hit : labels_) {
-    if (hit.page != element.page()) continue;
+  const auto [from, to] = labelsOn(element.page());
+  for (size_t i = from; i < to; ++i) {
+    const LMLabelHit& hit = labels_[i];
     const LMRect& l = hit.box;
     if (!closed && lmSameRow(l, e) && l.x >= e.x + e.width - 1 && l.x < nextOnRow) closed = true;
     if (lmSameRow(l, e) && l.x + l.width <= e.x + 1) {

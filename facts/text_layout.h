@@ -20,6 +20,7 @@
 #include "kit/rect.h"
 
 class LMReceiptParser;
+struct LMPageGeometry;
 
 inline constexpr double kLMNoNextValue = 1e12;
 
@@ -89,12 +90,16 @@ class LMTextLayout {
 
  private:
   void markValuesOnRows(const LMReceiptParser& parser);
-  void collectAmounts(const LMReceiptParser& parser, int64_t page, std::u16string_view text);
-  void collectDates(const LMReceiptParser& parser, int64_t page, std::u16string_view text,
-                    const LMFoldedText& folded);
-  // Puts an element of this layout's own at `range` of page `page`.
-  void place(LMFoundElement& element, const LMReceiptParser& parser, int64_t page, LMTextRange range,
-             std::u16string_view text) const;
+  // `numbers`, `dates`, `known`: the standard elements' ranges on the page.
+  void collectAmounts(const LMPageGeometry& page, std::u16string_view text,
+                      const std::vector<LMTextRange>& numbers, const std::vector<LMTextRange>& dates);
+  void collectDates(const LMPageGeometry& page, std::u16string_view text, const LMFoldedText& folded,
+                    const std::vector<LMTextRange>& known);
+  // The labels of page `page`: [first, end) indices into labels_.
+  std::pair<size_t, size_t> labelsOn(int64_t page) const;
+  // Puts an element of this layout's own at `range` of the page.
+  static void place(LMFoundElement& element, const LMPageGeometry& page, LMTextRange range,
+                    std::u16string_view text);
 
   std::vector<std::u16string> pageTexts_;
   std::vector<LMLabelHit> labels_;
