@@ -21,6 +21,8 @@ constexpr double kPlausibleGross = 0.6;
 // Amounts tied this strongly (the last on their label's row) add up to a
 // total that a page splits by rate.
 constexpr double kSumPart = 0.75;
+// The standard analysis's gross, taken when no label names a total.
+constexpr double kStandardGross = 0.3;
 // An amount no label ties may still complete a consistent set.
 constexpr double kUntied = 0.05;
 
@@ -244,6 +246,16 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     }
     net.offer(a, std::max(a.net, kUntied));
     tax.offer(a, std::max(a.tax, kUntied));
+  }
+  // No label names a total: the standard analysis's gross, with its doubt.
+  if (gross.byValue.empty() && parser.gross()) {
+    const Cents standard = std::llabs(parser.gross()->amountIntegerValue());
+    for (auto a = amounts.rbegin(); a != amounts.rend(); ++a) {
+      if (a->cents == standard) {
+        gross.offer(*a, kStandardGross);
+        break;
+      }
+    }
   }
   net.offerSum(amounts, &Amount::net);
   tax.offerSum(amounts, &Amount::tax);
