@@ -197,7 +197,8 @@ std::vector<LMDecimal> lmUsualTaxRates(std::u16string_view country) {
   return out;
 }
 
-LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout& layout) {
+LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout& layout,
+                               const std::vector<LMDecimal>& taskRates) {
   LMAmountChoice choice;
   if (!parser.numbers() && layout.extraAmounts().empty()) return choice;
 
@@ -261,7 +262,9 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   tax.offerSum(amounts, &Amount::tax);
 
   std::vector<LMDecimal> rates = layout.rates();
-  for (const LMDecimal& r : lmUsualTaxRates(layout.country())) {
+  std::vector<LMDecimal> more = taskRates;
+  for (const LMDecimal& r : lmUsualTaxRates(layout.country())) more.push_back(r);
+  for (const LMDecimal& r : more) {
     if (std::find(rates.begin(), rates.end(), r) == rates.end()) rates.push_back(r);
   }
   auto fittingRate = [&](Cents n, Cents t) -> std::optional<LMDecimal> {

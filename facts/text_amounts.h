@@ -30,7 +30,10 @@ struct LMAmountChoice {
   std::vector<LMFactsCheck> checks;
 };
 
-LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout& layout);
+// `taskRates`: rates in percent to try besides those the page prints and
+// the country's usual ones.
+LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout& layout,
+                               const std::vector<LMDecimal>& taskRates = {});
 
 // The usual tax rates of a country (two-letter code), in percent.
 std::vector<LMDecimal> lmUsualTaxRates(std::u16string_view country);

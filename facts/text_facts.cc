@@ -291,7 +291,7 @@ LMDictionary lmTextEvidence(const LMFoundElement& element, double score, LMValue
   };
 }
 
-LMFacts lmTextFacts(const LMReceiptParser& parser, std::optional<LMDate> today) {
+LMFacts lmTextFacts(const LMReceiptParser& parser, const LMTextFactsOptions& options) {
   LMFacts facts;
   if (!parser.text() || parser.text()->empty()) {
     facts.checks.push_back({u"page-text", false, u"no page text"});
@@ -299,7 +299,7 @@ LMFacts lmTextFacts(const LMReceiptParser& parser, std::optional<LMDate> today) 
   }
   facts.source = u"text";
   const LMTextLayout layout(parser);
-  const LMAmountChoice amounts = lmChooseAmounts(parser, layout);
+  const LMAmountChoice amounts = lmChooseAmounts(parser, layout, options.rates);
   const bool credit = isCreditNote(layout, amounts);
   if (credit) {
     facts.kind = u"credit-note";
@@ -311,6 +311,6 @@ LMFacts lmTextFacts(const LMReceiptParser& parser, std::optional<LMDate> today) 
   setAmount(facts, u"tax", facts.tax, amounts.tax, amounts.taxAlternatives, credit);
   for (const LMFactsCheck& c : amounts.checks) facts.checks.push_back(c);
   chooseCurrency(parser, layout, amounts, facts);
-  chooseIssueDate(parser, layout, today.value_or(LMDate::now()), facts);
+  chooseIssueDate(parser, layout, options.today.value_or(LMDate::now()), facts);
   return facts;
 }

@@ -11,15 +11,23 @@
 // a period's end or a day after today) follow. docs/facts.md tells the rules.
 #pragma once
 #include <optional>
+#include <vector>
 
 #include "analysis/receipt_parser.h"
 #include "facts/facts.h"
 #include "kit/date.h"
 
+struct LMTextFactsOptions {
+  // The last day an issue date may have; default: now.
+  std::optional<LMDate> today;
+  // The task's tax rates in percent, tried besides the page's and the
+  // country's usual ones.
+  std::vector<LMDecimal> rates;
+};
+
 // Text facts of a parser that has run. Without page text every value is null
-// and a failed "page-text" check says so. `today` (default: now) bounds the
-// issue date.
-LMFacts lmTextFacts(const LMReceiptParser& parser, std::optional<LMDate> today = std::nullopt);
+// and a failed "page-text" check says so.
+LMFacts lmTextFacts(const LMReceiptParser& parser, const LMTextFactsOptions& options = {});
 
 // Evidence for a value found on the page: {"source": "text", "page", "box"
 // ([x, y, width, height], points, origin top left), "anchor", "text",

@@ -55,7 +55,7 @@ std::unique_ptr<Parsed> analyse(const std::vector<Row>& rows) {
   auto out = std::make_unique<Parsed>();
   out->parser.setDoc(std::make_shared<LMReceiptDocument>(std::make_shared<LMPDFDocument>(file)));
   out->parser.work();
-  out->facts = lmTextFacts(out->parser, LMDate::fromComponents(2026, 6, 1, 12));
+  out->facts = lmTextFacts(out->parser, {LMDate::fromComponents(2026, 6, 1, 12), {}});
   return out;
 }
 
@@ -218,7 +218,7 @@ TEST(TextFactsTest, EvidenceAndTheStandardElementsUntouched) {
   const auto parsed = analyse({{u"Rechnungsdatum: 05.03.2024", 300, 740}, {u"Summe netto  100,00 EUR", 300, 400},
                                {u"MwSt 19 %     19,00 EUR", 300, 385}, {u"Gesamtbetrag 119,00 EUR", 300, 370}});
   const std::u16string before = LMValue(parsed->parser.result()).description();
-  const LMFacts again = lmTextFacts(parsed->parser, LMDate::fromComponents(2026, 6, 1, 12));
+  const LMFacts again = lmTextFacts(parsed->parser, {LMDate::fromComponents(2026, 6, 1, 12), {}});
   EXPECT_EQ(before, LMValue(parsed->parser.result()).description());
   const LMDictionary& gross = *again.evidence.at(u"gross").asDictionary();
   EXPECT_EQ(u"Gesamtbetrag", gross.at(u"anchor").toString());
@@ -228,6 +228,20 @@ TEST(TextFactsTest, EvidenceAndTheStandardElementsUntouched) {
   EXPECT_EQ(0, gross.at(u"page").toInt());
   EXPECT_FALSE(again.failed(u"gross-total"));
   EXPECT_FALSE(again.failed(u"rate-tax"));
+}
+
+TEST(TextFactsTest, TaskRatesCheckTheTax) {
+  const auto parsed = analyse({{u"Net   100.00", 300, 400}, {u"Tax     8.25", 300, 385}, {u"Total 108.25", 300, 370}});
+  for (bool withRate : {false, true}) {
+    SCOPED_TRACE(withRate);
+    LMTextFactsOptions options;
+    if (withRate) options.rates.push_back(*LMDecimal::fromString(std::string_view("8.25")));
+    const LMFacts facts = lmTextFacts(parsed->parser, options);
+    EXPECT_EQ("8.25", text(facts.tax));
+    bool listed = false;
+    for (const LMFactsCheck& c : facts.checks) listed = listed || (c.name == u"rate-tax" && c.ok);
+    EXPECT_EQ(withRate, listed);
+  }
 }
 
 TEST(LabelsTest, FoldedMatching) {
