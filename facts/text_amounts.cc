@@ -36,6 +36,7 @@ struct Amount {
   const LMLabelHit* netAnchor = nullptr;
   const LMLabelHit* taxAnchor = nullptr;
   size_t order = 0;
+  bool negative = false;  // printed with a minus, before or after
 };
 
 // The best amount of each value for one role, and sums of several.
@@ -79,6 +80,13 @@ struct RoleValues {
   }
 };
 
+// "1.234,56-": a minus after the amount, as bookkeeping prints credits.
+bool followedByMinus(std::u16string_view text, const LMFoundElement& e) {
+  const LMTextRange r = e.range();
+  if (!r.fitsIn(text.size()) || r.end() >= text.size() || text[r.end()] != u'-') return false;
+  return r.end() + 1 == text.size() || !(text[r.end() + 1] >= u'0' && text[r.end() + 1] <= u'9');
+}
+
 bool followedByPercent(std::u16string_view text, const LMFoundElement& e) {
   const LMTextRange r = e.range();
   if (!r.fitsIn(text.size())) return false;
@@ -119,7 +127,7 @@ LMAmountPick pick(const RoleValues::Entry& e, const LMLabelHit* anchor, double s
   p.score = score;
   p.anchor = anchor;
   p.text = e.text;
-  p.negative = e.amount->element->integerValue() < 0;
+  p.negative = e.amount->negative;
   return p;
 }
 
@@ -145,7 +153,7 @@ LMAmountPick loose(const Amount& a, double label, const LMLabelHit* anchor) {
   p.score = confidence(label, false, false);
   p.anchor = anchor;
   p.text = a.element->string().value_or(u"");
-  p.negative = a.element->integerValue() < 0;
+  p.negative = a.negative;
   return p;
 }
 
@@ -216,7 +224,9 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   });
   for (const LMFoundNumber* n : found) {
     if (followedByPercent(layout.pageText(n->page()), *n)) continue;
-    amounts.push_back({n, std::llabs(n->integerValue())});
+    Amount a{n, std::llabs(n->integerValue())};
+    a.negative = n->integerValue() < 0 || followedByMinus(layout.pageText(n->page()), *n);
+    amounts.push_back(a);
   }
   const std::vector<double> nextOnRow = nextValuesOnRows(amounts);
   for (size_t i = 0; i < amounts.size(); ++i) {

@@ -1,63 +1,15 @@
 // Text facts on small hand-made pages: one per language and rule.
 #include <gtest/gtest.h>
 
-#include "analysis/receipt_parser.h"
-#include "document/fake_pdf_file_test_util.h"
-#include "document/receipt_document.h"
 #include "facts/labels.h"
 #include "facts/text_facts.h"
+#include "facts/text_facts_test_util.h"
 #include "kit/unicode.h"
 
 namespace {
 
-// A page whose text has fixed-width characters: a range's box is its share
-// of its line's box.
-class MonospacePage : public LMFakePdfPage {
- public:
-  LMRect boundsForRange(LMTextRange range) const override {
-    if (!range.fitsIn(string_.size())) return LMRect::null();
-    for (const LMPdfTextLine& line : lines_) {
-      if (range.location < line.range.location || range.end() > line.range.end()) continue;
-      const double unit = line.bounds.width / std::max<uint64_t>(line.range.length, 1);
-      return {line.bounds.x + unit * (range.location - line.range.location), line.bounds.y,
-              unit * range.length, line.bounds.height};
-    }
-    return LMRect::zero();
-  }
-};
-
-// A row of text at (x, y) from the bottom left, 5 points per character.
-struct Row {
-  const char16_t* text;
-  double x;
-  double y;
-};
-
-struct Parsed {
-  LMReceiptParser parser;
-  LMFacts facts;
-};
-
-std::unique_ptr<Parsed> analyse(const std::vector<Row>& rows) {
-  auto page = std::make_shared<MonospacePage>();
-  page->mediaBox_ = {0, 0, 595, 842};
-  for (const Row& row : rows) {
-    const std::u16string text(row.text);
-    if (!page->string_.empty()) page->string_ += u'\n';
-    page->lines_.push_back({LMTextRange::make(page->string_.size(), text.size()),
-                            {row.x, row.y, 5.0 * text.size(), 10}});
-    page->string_ += text;
-  }
-  page->attributed_.string = page->string_;
-  auto file = std::make_shared<LMFakePdfFile>();
-  file->string_ = page->string_;
-  file->pages_.push_back(page);
-  auto out = std::make_unique<Parsed>();
-  out->parser.setDoc(std::make_shared<LMReceiptDocument>(std::make_shared<LMPDFDocument>(file)));
-  out->parser.work();
-  out->facts = lmTextFacts(out->parser, {LMDate::fromComponents(2026, 6, 1, 12), {}});
-  return out;
-}
+using lmtest::analyse;
+using lmtest::Row;
 
 std::string text(const std::optional<LMDecimal>& d) { return d ? d->stringValue() : "-"; }
 std::string text(const std::optional<std::u16string>& s) { return s ? lmUtf8(*s) : "-"; }
@@ -126,6 +78,12 @@ TEST(TextFactsTest, GeometryAndArithmetic) {
         {u"Subtotal $ 40.00", 60, 460}, {u"Subtotal", 350, 440}, {u"$ 90.00", 350, 428},
         {u"GST 15%", 350, 410}, {u"$ 13.50", 350, 398}, {u"Total", 350, 380}, {u"$ 103.50", 350, 368}},
        "103.5", "90", "13.5", "NZD", "2020-02-15"},
+      // A summary table: the heads over their values.
+      {"heads over values",
+       {{u"Data documento 07/03/2024", 300, 740}, {u"Imponibile", 250, 400}, {u"IVA 22%", 350, 400},
+        {u"Totale documento", 430, 400}, {u"1.000,00", 250, 386}, {u"220,00", 350, 386},
+        {u"1.220,00 EUR", 430, 386}},
+       "1220", "1000", "220", "EUR", "2024-03-07"},
       // Two rates: the per-rate amounts add up to net and tax.
       {"two rates",
        {{u"Datum: 02.02.2024", 300, 740}, {u"netto 19%  100,00  MwSt  19,00", 250, 400},
@@ -156,6 +114,10 @@ TEST(TextFactsTest, CreditNotesAndSelfBilling) {
        {{u"Credit note CN-7", 60, 780}, {u"Date: 2024-03-03", 300, 740}, {u"Net total   £ 50.00", 350, 400},
         {u"VAT 20%     £ 10.00", 350, 385}, {u"Total       £ 60.00", 350, 370}},
        "-60", "-50", "-10", "GBP", "2024-03-03", "credit-note"},
+      {"minus behind the amounts",
+       {{u"Datum: 05.03.2024", 300, 740}, {u"Nettobetrag   100,00-", 350, 400},
+        {u"USt 19 %       19,00-", 350, 385}, {u"Gesamtbetrag  119,00-", 350, 370}},
+       "-119", "-100", "-19", "-", "2024-03-05", "credit-note"},
       // "Gutschrift" titles a self-billed invoice: positive.
       {"self-billed",
        {{u"Gutschrift Nr. 5", 60, 780}, {u"Datum: 04.03.2024", 300, 740}, {u"Nettobetrag   200,00 €", 350, 400},

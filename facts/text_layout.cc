@@ -303,6 +303,7 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       }
       size_t j = i + 2;
       while (j < text.size() && (isDigit(text[j]) || text[j] == u' ') && j - i < 16) ++j;
+      while (j > i + 2 && text[j - 1] == u' ') --j;  // the id ends with its last digit
       size_t digits = 0;
       for (size_t k = i + 2; k < j; ++k) digits += isDigit(text[k]) ? 1 : 0;
       std::u16string country = text.substr(i, 2);
