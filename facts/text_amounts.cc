@@ -147,14 +147,7 @@ const Amount* mostTied(const std::vector<Amount>& amounts, double Amount::*role,
 }
 
 LMAmountPick loose(const Amount& a, double label, const LMLabelHit* anchor) {
-  LMAmountPick p;
-  p.element = a.element;
-  p.value = decimalOf(a.cents);
-  p.score = confidence(label, false, false);
-  p.anchor = anchor;
-  p.text = a.element->string().value_or(u"");
-  p.negative = a.negative;
-  return p;
+  return pick({&a, a.cents, label, a.element->string().value_or(u"")}, anchor, confidence(label, false, false));
 }
 
 // Per amount: where the next amount to its right on its row begins, or
