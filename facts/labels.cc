@@ -188,7 +188,9 @@ const std::vector<LMLabel> kLabels = {
     {u"invoice", R::kTitle, 1.0}, {u"invoice no", R::kTitle, 1.0}, {u"invoice number", R::kTitle, 1.0},
     {u"tax invoice", R::kTitle, 1.0}, {u"facture", R::kTitle, 1.0}, {u"facture n", R::kTitle, 1.0},
     {u"fattura", R::kTitle, 1.0}, {u"fattura n", R::kTitle, 1.0}, {u"factura", R::kTitle, 1.0},
-    {u"factuur", R::kTitle, 1.0}, {u"factuurnummer", R::kTitle, 1.0},
+    {u"factuur", R::kTitle, 1.0}, {u"teilrechnung", R::kTitle, 1.0}, {u"schlussrechnung", R::kTitle, 1.0},
+    {u"abschlagsrechnung", R::kTitle, 1.0}, {u"nr", R::kTitle, 0.6}, {u"nummer", R::kTitle, 0.6},
+    {u"number", R::kTitle, 0.6}, {u"factuurnummer", R::kTitle, 1.0},
 };
 
 bool isWordUnit(char16_t c) {

@@ -244,6 +244,8 @@ void chooseIssueDate(const LMReceiptParser& parser, const LMTextLayout& layout, 
     // "Rechnung Nr. 123 vom 01.02.2024", "Invoice #12 issued 2024-02-01".
     const double issue = std::max(ties.of(LMLabelRole::kIssueDate), 0.85 * ties.onRowOf(LMLabelRole::kTitle));
     if (ties.of(LMLabelRole::kOtherDate) >= 0.5 && ties.of(LMLabelRole::kOtherDate) >= issue) continue;
+    // "Bestellung Nr. 12 vom 01.02.": a weak "vom" does not undo the order.
+    if (ties.onRowOf(LMLabelRole::kOtherDate) >= 0.8 && ties.of(LMLabelRole::kIssueDate) < 0.9) continue;
     double score = issue > 0 ? 0.5 + 0.45 * issue : 0.3 - 0.02 * std::min<size_t>(unlabelled++, 10);
     candidates.push_back({d, dayOf(*d, layout.country()), score, ties.anchorOf(LMLabelRole::kIssueDate)});
   }
