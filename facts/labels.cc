@@ -92,6 +92,13 @@ const std::vector<LMLabel> kLabels = {
     {u"fecha de factura", R::kIssueDate, 1.0}, {u"fecha de emision", R::kIssueDate, 1.0},
     {u"fecha expedicion", R::kIssueDate, 1.0}, {u"factuurdatum", R::kIssueDate, 1.0},
     {u"datum factuur", R::kIssueDate, 1.0}, {u"issued", R::kIssueDate, 0.8},
+    {u"statement date", R::kIssueDate, 0.9}, {u"tax date", R::kIssueDate, 0.9},
+    {u"billing date", R::kIssueDate, 0.9}, {u"document date", R::kIssueDate, 1.0},
+    {u"date issued", R::kIssueDate, 1.0}, {u"invoice dated", R::kIssueDate, 1.0},
+    {u"tax point", R::kIssueDate, 0.9}, {u"date of invoice", R::kIssueDate, 1.0},
+    {u"emis le", R::kIssueDate, 0.9}, {u"emise le", R::kIssueDate, 0.9},
+    {u"fecha de expedicion", R::kIssueDate, 1.0}, {u"data del documento", R::kIssueDate, 1.0},
+    {u"dokumentdatum", R::kIssueDate, 1.0}, {u"druckdatum", R::kOtherDate, 0.6},
     {u"issued at", R::kIssueDate, 0.9}, {u"issued on", R::kIssueDate, 0.9}, {u"vom", R::kIssueDate, 0.5},
     {u"du", R::kIssueDate, 0.4},
 
