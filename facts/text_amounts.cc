@@ -243,7 +243,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   for (const Amount& a : amounts) largest = std::max(largest, a.element->fontSize());
   RoleValues gross, net, tax;
   for (Amount& a : amounts) {
-    if (a.gross > 0) {
+    if (a.gross > 0 && a.cents > 0) {  // a balance paid off is no total
       a.gross += 0.05 * static_cast<double>(a.order) / amounts.size();
       if (largest > 0 && a.element->fontSize() >= largest) a.gross += 0.05;
       gross.offer(a, a.gross);

@@ -84,6 +84,14 @@ TEST(TextFactsTest, GeometryAndArithmetic) {
         {u"Totale documento", 430, 400}, {u"1.000,00", 250, 386}, {u"220,00", 350, 386},
         {u"1.220,00 EUR", 430, 386}},
        "1220", "1000", "220", "EUR", "2024-03-07"},
+      // A "Total" column of line amounts; a balance paid off is no total.
+      {"line totals and a paid balance",
+       {{u"Date: 2024-04-02", 300, 740}, {u"Item        Qty   Price    Total", 60, 500},
+        {u"Widget        2   40.00    80.00", 60, 485}, {u"Gadget        1   20.00    20.00", 60, 470},
+        {u"Subtotal                  100.00", 60, 440}, {u"VAT 20%                    20.00", 60, 425},
+        {u"Total                     120.00", 60, 410}, {u"Paid                      120.00", 60, 395},
+        {u"Balance due                 0.00", 60, 380}},
+       "120", "100", "20", "-", "2024-04-02"},
       // Two rates: the per-rate amounts add up to net and tax.
       {"two rates",
        {{u"Datum: 02.02.2024", 300, 740}, {u"netto 19%  100,00  MwSt  19,00", 250, 400},
