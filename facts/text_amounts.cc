@@ -23,6 +23,9 @@ constexpr double kPlausibleGross = 0.6;
 constexpr double kSumPart = 0.75;
 // The standard analysis's gross, taken when no label names a total.
 constexpr double kStandardGross = 0.3;
+// How strongly an amount must be tied to net to count as one rate's basis,
+// and the score of a tax found as the sum of their taxes.
+constexpr double kSplitPart = 0.4;
 // An amount no label ties may still complete a consistent set.
 constexpr double kUntied = 0.05;
 
@@ -148,6 +151,43 @@ const Amount* mostTied(const std::vector<Amount>& amounts, double Amount::*role,
 
 LMAmountPick loose(const Amount& a, double label, const LMLabelHit* anchor) {
   return pick({&a, a.cents, label, a.element->string().value_or(u"")}, anchor, confidence(label, false, false));
+}
+
+// A page split by rate whose per-rate tax amounts no label ties: each
+// net-tied amount whose tax at one of `rates` (to the cent, or one off) is
+// printed too gives a part;
+// two or more parts add up to a tax candidate, their bases to a net one.
+void offerRateSplit(const std::vector<Amount>& amounts, const std::vector<LMDecimal>& rates, RoleValues& net,
+                    RoleValues& tax) {
+  std::vector<Cents> printed;
+  for (const Amount& a : amounts) printed.push_back(a.cents);
+  std::sort(printed.begin(), printed.end());
+  Cents sum = 0, bases = 0;
+  int parts = 0;
+  const Amount* first = nullptr;
+  std::u16string text, basesText;
+  for (const Amount& a : amounts) {
+    if (a.net < kSplitPart || a.tax >= kSplitPart) continue;
+    for (const LMDecimal& r : rates) {
+      // Prices that include tax leave the tax a cent off the net's.
+      const Cents exact = taxAt(a.cents, hundredthsOf(r));
+      Cents t = 0;
+      for (Cents c : {exact, exact + 1, exact - 1}) {
+        if (c > 0 && !t && std::binary_search(printed.begin(), printed.end(), c)) t = c;
+      }
+      if (!t) continue;
+      sum += t;
+      bases += a.cents;
+      ++parts;
+      if (!first) first = &a;
+      text += (text.empty() ? u"" : u" + ") + money(t);
+      basesText += (basesText.empty() ? u"" : u" + ") + a.element->string().value_or(u"");
+      break;
+    }
+  }
+  if (parts < 2) return;
+  if (!tax.find(sum)) tax.byValue[sum] = {first, sum, kSplitPart, text};
+  if (!net.find(bases)) net.byValue[bases] = {first, bases, kSplitPart, basesText};
 }
 
 // Per amount: where the next amount to its right on its row begins, or
@@ -276,6 +316,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     }
     return std::nullopt;
   };
+  offerRateSplit(amounts, rates, net, tax);
   const LMLabelHit* zeroReason = nullptr;
   for (const LMLabelHit& hit : layout.labels()) {
     if (hit.label->role == LMLabelRole::kZeroTax) {

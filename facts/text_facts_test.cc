@@ -97,6 +97,11 @@ TEST(TextFactsTest, GeometryAndArithmetic) {
        {{u"Datum: 02.02.2024", 300, 740}, {u"netto 19%  100,00  MwSt  19,00", 250, 400},
         {u"netto 7%    50,00  MwSt   3,50", 250, 385}, {u"Endsumme        172,50 €", 250, 370}},
        "172.5", "150", "22.5", "EUR", "2024-02-02"},
+      // The per-rate taxes stand unlabelled beside their bases.
+      {"rate split without tax labels",
+       {{u"Datum: 02.02.2024", 300, 740}, {u"Netto 7%   100,00", 250, 400}, {u"7,00", 450, 400},
+        {u"Netto 19%   50,00", 250, 385}, {u"9,50", 450, 385}, {u"Gesamtbetrag 166,50", 250, 370}},
+       "166.5", "150", "16.5", "-", "2024-02-02"},
       // A small business charges no tax and says why.
       {"zero tax",
        {{u"Datum: 10.01.2024", 300, 740}, {u"Kein Ausweis der Umsatzsteuer (Kleinunternehmer)", 60, 420},
