@@ -317,8 +317,8 @@ LMFoldedText lmFoldLabelText(std::u16string_view text) {
     }
     if (c == u'%' && !out.text.empty() && out.text.back() != u' ') push(u' ', i);
     // OCR's digits among letters: "T0tal", "Summ3", "1nkl".
-    if ((c == u'0' || c == u'1' || c == u'3' || c == u'5') && !out.text.empty() && isLetter(out.text.back()) &&
-        i + 1 < text.size()) {
+    if ((c == u'0' || c == u'1' || c == u'3' || c == u'5') && !out.text.empty() &&
+        isLetter(out.text.back()) && i + 1 < text.size()) {
       char16_t e2 = 0;
       const char16_t next = foldLetter(text[i + 1], e2);
       if (isLetter(next) || next == u' ' || next == u'\n' || next == u':') {

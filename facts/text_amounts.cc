@@ -150,7 +150,8 @@ const Amount* mostTied(const std::vector<Amount>& amounts, double Amount::*role,
 }
 
 LMAmountPick loose(const Amount& a, double label, const LMLabelHit* anchor) {
-  return pick({&a, a.cents, label, a.element->string().value_or(u"")}, anchor, confidence(label, false, false));
+  return pick({&a, a.cents, label, a.element->string().value_or(u"")}, anchor,
+              confidence(label, false, false));
 }
 
 // A page split by rate whose per-rate tax amounts no label ties: each
@@ -367,7 +368,8 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
       c.t = zeroTied ? zero : nullptr;
       c.arithmetic = true;
       c.zeroReason = zeroReason;
-      c.score = kGrossWeight * g->score + (c.n ? c.n->score : 0) + (zeroTied ? zero->score : 0) + kZeroTaxReason + 0.2;
+      c.score = kGrossWeight * g->score + (c.n ? c.n->score : 0) + (zeroTied ? zero->score : 0) +
+                kZeroTaxReason + 0.2;
       combos.push_back(c);
     }
   }
@@ -408,11 +410,13 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     choice.checks.push_back({u"gross-total", true,
                              money(best.net) + u" + " + money(best.tax) + u" = " + money(best.gross)});
     if (rate) {
-      choice.checks.push_back({u"rate-tax", true,
-                               money(best.net) + u" x " + best.rate->stringValue16() + u" % = " + money(best.tax)});
+      choice.checks.push_back(
+          {u"rate-tax", true,
+           money(best.net) + u" x " + best.rate->stringValue16() + u" % = " + money(best.tax)});
     } else if (best.zeroReason || best.tax == 0) {
-      choice.checks.push_back({u"rate-tax", true,
-                               u"no tax" + (best.zeroReason ? u": " + best.zeroReason->text : std::u16string())});
+      choice.checks.push_back(
+          {u"rate-tax", true,
+           u"no tax" + (best.zeroReason ? u": " + best.zeroReason->text : std::u16string())});
     }
   } else {
     // No consistent set: the strongly labelled net and tax as printed, with
@@ -439,14 +443,17 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
       bool seen = false;
       for (const LMAmountPick& p : out) seen = seen || p.value == value;
       if (seen) continue;
-      out.push_back(pick(*e, anchorOf(*e->amount), std::min(0.45, combos[i].score / (best.score + 1e-9) * 0.45)));
+      out.push_back(
+          pick(*e, anchorOf(*e->amount), std::min(0.45, combos[i].score / (best.score + 1e-9) * 0.45)));
     }
   };
   alternatives(choice.gross, choice.grossAlternatives, [](const Combination& c) { return c.g; },
                [](const Amount& a) { return a.grossAnchor; });
-  alternatives(choice.net, choice.netAlternatives, [](const Combination& c) { return c.arithmetic ? c.n : nullptr; },
-               [](const Amount& a) { return a.netAnchor; });
-  alternatives(choice.tax, choice.taxAlternatives, [](const Combination& c) { return c.arithmetic ? c.t : nullptr; },
-               [](const Amount& a) { return a.taxAnchor; });
+  alternatives(
+      choice.net, choice.netAlternatives, [](const Combination& c) { return c.arithmetic ? c.n : nullptr; },
+      [](const Amount& a) { return a.netAnchor; });
+  alternatives(
+      choice.tax, choice.taxAlternatives, [](const Combination& c) { return c.arithmetic ? c.t : nullptr; },
+      [](const Amount& a) { return a.taxAnchor; });
   return choice;
 }

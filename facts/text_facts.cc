@@ -47,7 +47,8 @@ void setAmount(LMFacts& facts, const char16_t* field, std::optional<LMDecimal>& 
   evidence.set(u"text", chosen->text);
   LMArray alternatives;
   for (const LMAmountPick& p : runnersUp) {
-    alternatives.emplace_back(alternative(*p.element, signedValue(p.value, credit), p.score, p.anchor, p.text));
+    alternatives.emplace_back(
+        alternative(*p.element, signedValue(p.value, credit), p.score, p.anchor, p.text));
   }
   evidence.set(u"alternatives", std::move(alternatives));
   facts.evidence.set(field, std::move(evidence));
@@ -76,7 +77,8 @@ void chooseCurrency(const LMReceiptParser& parser, const LMTextLayout& layout, c
     const LMRect box = e.bbox().standardized();
     for (const LMCurrencyMention& m : layout.currencies()) {
       if (m.page != e.page() || !lmSameRow(m.box, box)) continue;
-      const double d = std::min(std::abs(m.box.x - (box.x + box.width)), std::abs(box.x - (m.box.x + m.box.width)));
+      const double d =
+          std::min(std::abs(m.box.x - (box.x + box.width)), std::abs(box.x - (m.box.x + m.box.width)));
       if (!near || d < nearDistance) near = &m, nearDistance = d;
     }
   }
@@ -131,10 +133,14 @@ void chooseCurrency(const LMReceiptParser& parser, const LMTextLayout& layout, c
   }
   if (const std::u16string* code = parser.currency().asString(); code && !code->empty()) {
     facts.currency = *code;
-    facts.evidence.set(u"currency", LMDictionary{{u"source", u"text"}, {u"page", LMValue::null()},
-                                                 {u"box", LMValue::null()}, {u"anchor", LMValue::null()},
-                                                 {u"text", LMValue::null()}, {u"score", kCurrencyTask},
-                                                 {u"alternatives", LMArray()}, {u"rule", u"the task's currency"}});
+    facts.evidence.set(u"currency", LMDictionary{{u"source", u"text"},
+                                                 {u"page", LMValue::null()},
+                                                 {u"box", LMValue::null()},
+                                                 {u"anchor", LMValue::null()},
+                                                 {u"text", LMValue::null()},
+                                                 {u"score", kCurrencyTask},
+                                                 {u"alternatives", LMArray()},
+                                                 {u"rule", u"the task's currency"}});
   }
 }
 
@@ -232,7 +238,8 @@ void chooseIssueDate(const LMReceiptParser& parser, const LMTextLayout& layout, 
         b.location < a.end() || b.location - a.end() > 16) {
       continue;
     }
-    if (joinsPeriod(text.substr(a.end(), b.location - a.end()))) inPeriod[order[k]] = inPeriod[order[k + 1]] = true;
+    if (joinsPeriod(text.substr(a.end(), b.location - a.end())))
+      inPeriod[order[k]] = inPeriod[order[k + 1]] = true;
   }
   const std::u16string todayText = today.descriptionDate();
   std::vector<DateCandidate> candidates;

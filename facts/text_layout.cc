@@ -104,7 +104,8 @@ void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates) {
     size_t end = i;
     while (end > 0 && text[end - 1] == u' ') --end;
     size_t begin = end;
-    while (begin > 0 && (isDigit(text[begin - 1]) || text[begin - 1] == u',' || text[begin - 1] == u'.')) --begin;
+    while (begin > 0 && (isDigit(text[begin - 1]) || text[begin - 1] == u',' || text[begin - 1] == u'.'))
+      --begin;
     while (begin < end && !isDigit(text[begin])) ++begin;
     if (begin == end || end - begin > 6) continue;
     std::u16string number(text.substr(begin, end - begin));
@@ -264,9 +265,9 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
     if (auto pdfPage = parser.doc()->pdfDoc() ? parser.doc()->pdfDoc()->pageAtIndex(page) : nullptr) {
       geometry.mediaBox = pdfPage->mediaBox();
       geometry.lines = pdfPage->lines();
-      std::sort(geometry.lines.begin(), geometry.lines.end(), [](const LMPdfTextLine& a, const LMPdfTextLine& b) {
-        return a.range.location < b.range.location;
-      });
+      std::sort(
+          geometry.lines.begin(), geometry.lines.end(),
+          [](const LMPdfTextLine& a, const LMPdfTextLine& b) { return a.range.location < b.range.location; });
     }
     if (pageTexts_.size() <= static_cast<size_t>(page)) pageTexts_.resize(page + 1);
     pageTexts_[page] = text;
@@ -285,13 +286,15 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       for (size_t at = folded.text.find(clue.folded); at != std::u16string::npos;
            at = folded.text.find(clue.folded, at + 1)) {
         const size_t end = at + clue.folded.size();
-        if ((at == 0 || folded.text[at - 1] == u' ') && (end == folded.text.size() || folded.text[end] == u' ')) {
+        if ((at == 0 || folded.text[at - 1] == u' ') &&
+            (end == folded.text.size() || folded.text[end] == u' ')) {
           ++votes[std::u16string(clue.country)];
         }
       }
     }
     for (const CountryClue& clue : kPhonePrefixes) {
-      for (size_t at = text.find(clue.folded); at != std::u16string::npos; at = text.find(clue.folded, at + 1)) {
+      for (size_t at = text.find(clue.folded); at != std::u16string::npos;
+           at = text.find(clue.folded, at + 1)) {
         votes[std::u16string(clue.country)] += 2;
       }
     }
@@ -323,7 +326,8 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
           continue;
         }
         if (!w.word && i > 0 && text[i - 1] >= u'A' && text[i - 1] <= u'Z' && w.text == u"$") continue;
-        currencies_.push_back({std::u16string(w.code), page, box(i, end), std::u16string(w.text), w.code.empty()});
+        currencies_.push_back(
+            {std::u16string(w.code), page, box(i, end), std::u16string(w.text), w.code.empty()});
         if (w.code.empty()) symbols.emplace_back(currencies_.size() - 1, page);
         i = end - 1;
         break;
@@ -350,8 +354,8 @@ void LMTextLayout::place(LMFoundElement& e, const LMPageGeometry& page, LMTextRa
   e.setPageBox(page.mediaBox);
 }
 
-void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view text, const LMFoldedText& folded,
-                                const std::vector<LMTextRange>& known) {
+void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view text,
+                                const LMFoldedText& folded, const std::vector<LMTextRange>& known) {
   // The words of the folded text with where they begin and end.
   struct Word {
     std::u16string_view text;
@@ -391,7 +395,8 @@ void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view 
     }
     if (day < 0 || year < 0) continue;
     const auto date = LMDate::fromComponents(year, month, day);
-    if (!date || date->descriptionDate().substr(8) != (day < 10 ? u"0" : u"") + lmUtf16(std::to_string(day))) {
+    if (!date ||
+        date->descriptionDate().substr(8) != (day < 10 ? u"0" : u"") + lmUtf16(std::to_string(day))) {
       continue;
     }
     const size_t from = folded.origin[words[first].begin];
@@ -408,9 +413,11 @@ void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view 
 }
 
 void LMTextLayout::collectAmounts(const LMPageGeometry& page, std::u16string_view text,
-                                  const std::vector<LMTextRange>& numbers, const std::vector<LMTextRange>& dates) {
+                                  const std::vector<LMTextRange>& numbers,
+                                  const std::vector<LMTextRange>& dates) {
   for (size_t i = 0; i < text.size(); ++i) {
-    if (i > 0 && (isAlnum(text[i - 1]) || text[i - 1] == u'.' || text[i - 1] == u',' || text[i - 1] == u'-')) {
+    if (i > 0 &&
+        (isAlnum(text[i - 1]) || text[i - 1] == u'.' || text[i - 1] == u',' || text[i - 1] == u'-')) {
       continue;
     }
     int64_t hundredths = 0;

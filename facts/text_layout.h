@@ -74,7 +74,8 @@ class LMTextLayout {
   // The normalised text of page `page` (the found elements' ranges point
   // into it); empty for a page without text.
   std::u16string_view pageText(int64_t page) const {
-    return page >= 0 && static_cast<size_t>(page) < pageTexts_.size() ? pageTexts_[page] : std::u16string_view();
+    return page >= 0 && static_cast<size_t>(page) < pageTexts_.size() ? pageTexts_[page]
+                                                                      : std::u16string_view();
   }
   // Sum of the weights of the labels of `role` on all pages.
   double roleWeight(LMLabelRole role) const;

@@ -21,10 +21,12 @@ std::string strongestRole(const LMTextLayout& layout, const LMReceiptParser& par
     if (n->integerValue() != value) continue;
     double next = kLMNoNextValue;
     for (const LMFoundNumber* m : all) {
-      if (m != n && lmSameRow(m->bbox(), n->bbox()) && m->bbox().x > n->bbox().x) next = std::min(next, m->bbox().x);
+      if (m != n && lmSameRow(m->bbox(), n->bbox()) && m->bbox().x > n->bbox().x)
+        next = std::min(next, m->bbox().x);
     }
     const LMRoleTies ties = layout.ties(*n, next);
-    const char* names[] = {"gross", "net", "tax", "issue", "other", "other-date", "credit", "zero", "receipt", "title"};
+    const char* names[] = {"gross",      "net",    "tax",  "issue",   "other",
+                           "other-date", "credit", "zero", "receipt", "title"};
     size_t best = 0;
     for (size_t r = 1; r < LMRoleTies::kRoles; ++r) best = ties.score[r] > ties.score[best] ? r : best;
     return ties.score[best] > 0 ? names[best] : "none";
@@ -81,7 +83,8 @@ TEST(TextLayoutTest, AmountsAndDatesOfItsOwn) {
     std::vector<int64_t> amounts;
     for (const auto& n : *parsed->parser.numbers()) amounts.push_back(n->integerValue());
     for (const auto& n : layout.extraAmounts()) amounts.push_back(n->integerValue());
-    for (int64_t wanted : c.amounts) EXPECT_EQ(1, std::count(amounts.begin(), amounts.end(), wanted)) << wanted;
+    for (int64_t wanted : c.amounts)
+      EXPECT_EQ(1, std::count(amounts.begin(), amounts.end(), wanted)) << wanted;
     std::vector<std::string> days;
     for (const auto& d : layout.extraDates()) days.push_back(lmUtf8(d->date()->descriptionDate()));
     if (parsed->parser.dates()) {
@@ -90,7 +93,8 @@ TEST(TextLayoutTest, AmountsAndDatesOfItsOwn) {
     EXPECT_EQ(std::vector<std::string>(c.days.begin(), c.days.end()), days);
     // The facts' own elements lie where their text is.
     for (const auto& n : layout.extraAmounts()) {
-      EXPECT_EQ(*n->string(), std::u16string(layout.pageText(0).substr(n->range().location, n->range().length)));
+      EXPECT_EQ(*n->string(),
+                std::u16string(layout.pageText(0).substr(n->range().location, n->range().length)));
       EXPECT_GT(n->bbox().width, 0);
     }
   }
@@ -116,7 +120,8 @@ TEST(TextLayoutTest, CountryAndCurrencyMentions) {
     const LMTextLayout layout(parsed->parser);
     EXPECT_EQ(c.country, lmUtf8(layout.country()));
     std::string codes;
-    for (const LMCurrencyMention& m : layout.currencies()) codes += (codes.empty() ? "" : " ") + lmUtf8(m.code);
+    for (const LMCurrencyMention& m : layout.currencies())
+      codes += (codes.empty() ? "" : " ") + lmUtf8(m.code);
     EXPECT_EQ(c.codes, codes);
   }
   EXPECT_EQ(2u, lmUsualTaxRates(u"DE").size());
@@ -124,8 +129,9 @@ TEST(TextLayoutTest, CountryAndCurrencyMentions) {
 }
 
 TEST(TextLayoutTest, PagesWithoutAnythingToRead) {
-  for (const std::vector<Row>& rows : {std::vector<Row>{{u" ", 60, 400}}, std::vector<Row>{{u"Total", 60, 400}},
-                                       std::vector<Row>{{u"Gesamtbetrag Gesamtbetrag", 60, 400}}}) {
+  for (const std::vector<Row>& rows :
+       {std::vector<Row>{{u" ", 60, 400}}, std::vector<Row>{{u"Total", 60, 400}},
+        std::vector<Row>{{u"Gesamtbetrag Gesamtbetrag", 60, 400}}}) {
     const auto parsed = analyse(rows);
     EXPECT_FALSE(parsed->facts.gross);
     EXPECT_FALSE(parsed->facts.net);
