@@ -54,13 +54,15 @@ void setAmount(LMFacts& facts, const char16_t* field, std::optional<LMDecimal>& 
   facts.evidence.set(field, std::move(evidence));
 }
 
-// Credit note: a credit note's title high on the first page, or a total
+// Credit note: a credit note's title in the upper half of the first page
+// (lower, "refund" and "avoir" are as likely the terms' words), or a total
 // printed negative. "Gutschrift" alone titles a self-billed invoice.
 bool isCreditNote(const LMTextLayout& layout, const LMAmountChoice& amounts) {
   if (amounts.gross && amounts.gross->negative) return true;
+  const LMRect page = layout.pageBox(0);
   for (const LMLabelHit& hit : layout.labels()) {
     if (hit.label->role != LMLabelRole::kCreditNote || hit.label->weight < 0.8 || hit.page != 0) continue;
-    return true;
+    if (hit.box.y >= page.y + page.height / 2) return true;
   }
   return false;
 }

@@ -131,6 +131,11 @@ TEST(TextFactsTest, CreditNotesAndSelfBilling) {
        {{u"Datum: 05.03.2024", 300, 740}, {u"Nettobetrag   100,00-", 350, 400},
         {u"USt 19 %       19,00-", 350, 385}, {u"Gesamtbetrag  119,00-", 350, 370}},
        "-119", "-100", "-19", "-", "2024-03-05", "credit-note"},
+      {"refund in the terms",
+       {{u"Invoice 12   Date: 2024-03-03", 60, 780}, {u"Net total   £ 50.00", 350, 400},
+        {u"VAT 20%     £ 10.00", 350, 385}, {u"Total       £ 60.00", 350, 370},
+        {u"No refund after 30 days.", 60, 100}},
+       "60", "50", "10", "GBP", "2024-03-03"},
       // "Gutschrift" titles a self-billed invoice: positive.
       {"self-billed",
        {{u"Gutschrift Nr. 5", 60, 780}, {u"Datum: 04.03.2024", 300, 740}, {u"Nettobetrag   200,00 €", 350, 400},

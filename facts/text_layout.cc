@@ -264,6 +264,8 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
     geometry.index = page;
     if (auto pdfPage = parser.doc()->pdfDoc() ? parser.doc()->pdfDoc()->pageAtIndex(page) : nullptr) {
       geometry.mediaBox = pdfPage->mediaBox();
+      if (pageBoxes_.size() <= static_cast<size_t>(page)) pageBoxes_.resize(page + 1);
+      pageBoxes_[page] = geometry.mediaBox.standardized();
       geometry.lines = pdfPage->lines();
       std::sort(
           geometry.lines.begin(), geometry.lines.end(),

@@ -77,6 +77,10 @@ class LMTextLayout {
     return page >= 0 && static_cast<size_t>(page) < pageTexts_.size() ? pageTexts_[page]
                                                                       : std::u16string_view();
   }
+  // The bounds of page `page`; the zero rectangle for a page without text.
+  LMRect pageBox(int64_t page) const {
+    return page >= 0 && static_cast<size_t>(page) < pageBoxes_.size() ? pageBoxes_[page] : LMRect::zero();
+  }
   // Sum of the weights of the labels of `role` on all pages.
   double roleWeight(LMLabelRole role) const;
 
@@ -103,6 +107,7 @@ class LMTextLayout {
                     std::u16string_view text);
 
   std::vector<std::u16string> pageTexts_;
+  std::vector<LMRect> pageBoxes_;
   std::vector<LMLabelHit> labels_;
   std::vector<LMCurrencyMention> currencies_;
   std::vector<LMDecimal> rates_;
