@@ -168,7 +168,9 @@ bool ambiguousOrder(const LMFoundDate& d) {
     if (c == u'/') {
       ++index;
     } else if (c >= u'0' && c <= u'9' && index < 2) {
-      (index == 0 ? first : second) = (index == 0 ? first : second) * 10 + (c - u'0');
+      int& n = index == 0 ? first : second;
+      if (n > 99) return false;
+      n = n * 10 + (c - u'0');
     }
   }
   return first >= 1 && first <= 12 && second >= 1 && second <= 12 && first != second;
@@ -186,7 +188,7 @@ std::u16string dayOf(const LMFoundDate& d, std::u16string_view country) {
   int index = 0;
   for (char16_t c : s) {
     if (c >= u'0' && c <= u'9') {
-      if (index > 2) return day;
+      if (index > 2 || lengths[index] >= 4) return day;
       parts[index] = parts[index] * 10 + (c - u'0');
       ++lengths[index];
     } else if (c == u'/' && lengths[index] > 0) {
