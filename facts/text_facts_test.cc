@@ -1,0 +1,260 @@
+// Text facts on small hand-made pages: one per language and rule.
+#include <gtest/gtest.h>
+
+#include "facts/labels.h"
+#include "facts/text_facts.h"
+#include "facts/text_facts_test_util.h"
+#include "kit/unicode.h"
+
+namespace {
+
+using lmtest::analyse;
+using lmtest::Row;
+
+std::string text(const std::optional<LMDecimal>& d) { return d ? d->stringValue() : "-"; }
+std::string text(const std::optional<std::u16string>& s) { return s ? lmUtf8(*s) : "-"; }
+
+struct Case {
+  const char* name;
+  std::vector<Row> rows;
+  const char* gross;
+  const char* net;
+  const char* tax;
+  const char* currency;
+  const char* date;
+  const char* kind = "invoice";
+};
+
+void expectFacts(const Case& c) {
+  SCOPED_TRACE(c.name);
+  const auto parsed = analyse(c.rows);
+  const LMFacts& f = parsed->facts;
+  EXPECT_EQ(c.gross, text(f.gross));
+  EXPECT_EQ(c.net, text(f.net));
+  EXPECT_EQ(c.tax, text(f.tax));
+  EXPECT_EQ(c.currency, text(f.currency));
+  EXPECT_EQ(c.date, text(f.issueDate));
+  EXPECT_EQ(c.kind, lmUtf8(f.kind));
+}
+
+TEST(TextFactsTest, LabelsOfSixLanguages) {
+  const Case cases[] = {
+      {"de",
+       {{u"Rechnung Nr. 4711", 60, 760}, {u"Rechnungsdatum: 05.03.2024", 300, 740},
+        {u"Fälligkeitsdatum: 19.03.2024", 300, 725}, {u"Summe netto    100,00 EUR", 300, 400},
+        {u"MwSt 19 %       19,00 EUR", 300, 385}, {u"Gesamtbetrag   119,00 EUR", 300, 370}},
+       "119", "100", "19", "EUR", "2024-03-05"},
+      {"en, US",
+       {{u"Invoice Date: 03/04/2023", 300, 740}, {u"Due Date: 04/03/2023", 300, 725},
+        {u"Scranton PA, United States", 60, 700}, {u"Subtotal   $ 200.00", 350, 400},
+        {u"Sales tax  $ 16.50", 350, 385}, {u"Grand total $ 216.50", 350, 370}},
+       "216.5", "200", "16.5", "USD", "2023-03-04"},
+      {"fr",
+       {{u"Date de facture : 05/04/2024", 300, 740}, {u"Date d'échéance : 05/05/2024", 300, 725},
+        {u"Total HT    500,00 €", 350, 400}, {u"TVA 20 %    100,00 €", 350, 385},
+        {u"Total TTC   600,00 €", 350, 370}},
+       "600", "500", "100", "EUR", "2024-04-05"},
+      {"it",
+       {{u"Data fattura 12/02/2024", 300, 740}, {u"Imponibile       1.000,00", 350, 400},
+        {u"IVA 22%            220,00", 350, 385}, {u"Totale documento € 1.220,00", 350, 370}},
+       "1220", "1000", "220", "EUR", "2024-02-12"},
+      {"es",
+       {{u"Fecha de factura: 15/01/2024", 300, 740}, {u"Base imponible  50,00 €", 350, 400},
+        {u"IVA 21%         10,50 €", 350, 385}, {u"Importe total   60,50 €", 350, 370}},
+       "60.5", "50", "10.5", "EUR", "2024-01-15"},
+      {"nl",
+       {{u"Factuurdatum 01-02-2024", 300, 740}, {u"Totaal excl. BTW  € 80,00", 350, 400},
+        {u"BTW 21%           € 16,80", 350, 385}, {u"Totaal incl. BTW  € 96,80", 350, 370}},
+       "96.8", "80", "16.8", "EUR", "2024-02-01"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, GeometryAndArithmetic) {
+  const Case cases[] = {
+      // Labels over their values; the lines' subtotals are no net.
+      {"below in the column",
+       {{u"Invoice Date:", 350, 500}, {u"15/02/2020", 350, 488}, {u"Auckland, New Zealand", 60, 700},
+        {u"Subtotal $ 40.00", 60, 460}, {u"Subtotal", 350, 440}, {u"$ 90.00", 350, 428},
+        {u"GST 15%", 350, 410}, {u"$ 13.50", 350, 398}, {u"Total", 350, 380}, {u"$ 103.50", 350, 368}},
+       "103.5", "90", "13.5", "NZD", "2020-02-15"},
+      // A summary table: the heads over their values.
+      {"heads over values",
+       {{u"Data documento 07/03/2024", 300, 740}, {u"Imponibile", 250, 400}, {u"IVA 22%", 350, 400},
+        {u"Totale documento", 430, 400}, {u"1.000,00", 250, 386}, {u"220,00", 350, 386},
+        {u"1.220,00 EUR", 430, 386}},
+       "1220", "1000", "220", "EUR", "2024-03-07"},
+      // A "Total" column of line amounts; a balance paid off is no total.
+      {"line totals and a paid balance",
+       {{u"Date: 2024-04-02", 300, 740}, {u"Item        Qty   Price    Total", 60, 500},
+        {u"Widget        2   40.00    80.00", 60, 485}, {u"Gadget        1   20.00    20.00", 60, 470},
+        {u"Subtotal                  100.00", 60, 440}, {u"VAT 20%                    20.00", 60, 425},
+        {u"Total                     120.00", 60, 410}, {u"Paid                      120.00", 60, 395},
+        {u"Balance due                 0.00", 60, 380}},
+       "120", "100", "20", "-", "2024-04-02"},
+      // Two rates: the per-rate amounts add up to net and tax.
+      {"two rates",
+       {{u"Datum: 02.02.2024", 300, 740}, {u"netto 19%  100,00  MwSt  19,00", 250, 400},
+        {u"netto 7%    50,00  MwSt   3,50", 250, 385}, {u"Endsumme        172,50 €", 250, 370}},
+       "172.5", "150", "22.5", "EUR", "2024-02-02"},
+      // The per-rate taxes stand unlabelled beside their bases.
+      {"rate split without tax labels",
+       {{u"Datum: 02.02.2024", 300, 740}, {u"Netto 7%   100,00", 250, 400}, {u"7,00", 450, 400},
+        {u"Netto 19%   50,00", 250, 385}, {u"9,50", 450, 385}, {u"Gesamtbetrag 166,50", 250, 370}},
+       "166.5", "150", "16.5", "-", "2024-02-02"},
+      // A small business charges no tax and says why.
+      {"zero tax",
+       {{u"Datum: 10.01.2024", 300, 740}, {u"Kein Ausweis der Umsatzsteuer (Kleinunternehmer)", 60, 420},
+        {u"Gesamtbetrag   250,00 €", 300, 400}},
+       "250", "250", "0", "EUR", "2024-01-10"},
+      // Change and cash given are no totals; the tax table adds up.
+      {"till receipt",
+       {{u"SUMME          EUR  13,05", 60, 600}, {u"Geg. BAR       EUR  20,00", 60, 585},
+        {u"Rückgeld BAR   EUR   6,95", 60, 570}, {u"Steuer  %   Netto  Steuer  Brutto", 60, 540},
+        {u"A= 19,0%     10,97    2,08   13,05", 60, 525}, {u"13.01.2020  17:25  Bon-Nr.:933", 60, 500}},
+       "13.05", "10.97", "2.08", "EUR", "2020-01-13", "receipt"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, CreditNotesAndSelfBilling) {
+  const Case cases[] = {
+      {"credit note printed negative",
+       {{u"AVOIR N° AV-12", 60, 780}, {u"Date : 03/03/2024", 300, 740}, {u"Total HT   -100,00 €", 350, 400},
+        {u"TVA 20 %    -20,00 €", 350, 385}, {u"Total TTC  -120,00 €", 350, 370}},
+       "-120", "-100", "-20", "EUR", "2024-03-03", "credit-note"},
+      {"credit note printed positive",
+       {{u"Credit note CN-7", 60, 780}, {u"Date: 2024-03-03", 300, 740}, {u"Net total   £ 50.00", 350, 400},
+        {u"VAT 20%     £ 10.00", 350, 385}, {u"Total       £ 60.00", 350, 370}},
+       "-60", "-50", "-10", "GBP", "2024-03-03", "credit-note"},
+      {"minus behind the amounts",
+       {{u"Datum: 05.03.2024", 300, 740}, {u"Nettobetrag   100,00-", 350, 400},
+        {u"USt 19 %       19,00-", 350, 385}, {u"Gesamtbetrag  119,00-", 350, 370}},
+       "-119", "-100", "-19", "-", "2024-03-05", "credit-note"},
+      {"refund in the terms",
+       {{u"Invoice 12   Date: 2024-03-03", 60, 780}, {u"Net total   £ 50.00", 350, 400},
+        {u"VAT 20%     £ 10.00", 350, 385}, {u"Total       £ 60.00", 350, 370},
+        {u"No refund after 30 days.", 60, 100}},
+       "60", "50", "10", "GBP", "2024-03-03"},
+      // "Gutschrift" titles a self-billed invoice: positive.
+      {"self-billed",
+       {{u"Gutschrift Nr. 5", 60, 780}, {u"Datum: 04.03.2024", 300, 740}, {u"Nettobetrag   200,00 €", 350, 400},
+        {u"USt 19 %       38,00 €", 350, 385}, {u"Gesamtbetrag  238,00 €", 350, 370}},
+       "238", "200", "38", "EUR", "2024-03-04"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, DatesByRole) {
+  const Case cases[] = {
+      // Order and delivery dates, a period and a day after today are passed over.
+      {"labels and periods",
+       {{u"Bestelldatum: 01.02.2024", 300, 760}, {u"Lieferdatum: 03.02.2024", 300, 745},
+        {u"Leistungszeitraum 01.01.2024 - 31.01.2024", 60, 730}, {u"Datum: 05.02.2024", 300, 715}},
+       "-", "-", "-", "-", "2024-02-05"},
+      {"beside the title, not the order",
+       {{u"Version 2.6 vom 10.11.2025", 60, 780}, {u"Bestellung Nr. 77 vom 02.02.2024", 60, 760},
+        {u"Teilrechnung Nr. 12 vom 05.02.2024", 60, 740}},
+       "-", "-", "-", "-", "2024-02-05"},
+      {"no label: the first date that is no period end",
+       {{u"Zeitraum vom 06.12.2023 bis zum 06.12.2024", 60, 760}, {u"24.01.2024", 300, 740},
+        {u"27.01.2024", 300, 700}},
+       "-", "-", "-", "-", "2024-01-24"},
+      {"month name, de", {{u"Rechnungsdatum: 3. März 2024", 300, 760}}, "-", "-", "-", "-", "2024-03-03"},
+      {"month name, en", {{u"Invoice date: March 3, 2024", 300, 760}}, "-", "-", "-", "-", "2024-03-03"},
+      {"month name, fr", {{u"Date de facture : 5 février 2024", 300, 760}}, "-", "-", "-", "-", "2024-02-05"},
+      {"month name, it", {{u"Data fattura: 12 marzo 2024", 300, 760}}, "-", "-", "-", "-", "2024-03-12"},
+      {"month name, es", {{u"Fecha: 15 de enero de 2024", 300, 760}}, "-", "-", "-", "-", "2024-01-15"},
+      {"month name, nl", {{u"Factuurdatum: 1 februari 2024", 300, 760}}, "-", "-", "-", "-", "2024-02-01"},
+      {"two-digit year", {{u"Datum: 31.01.24", 300, 760}}, "-", "-", "-", "-", "2024-01-31"},
+      {"after today", {{u"Rechnungsdatum 01.01.2099", 300, 760}, {u"Kassenbon 01.02.2024", 60, 740}},
+       "-", "-", "-", "-", "2024-02-01", "receipt"},
+  };
+  for (const Case& c : cases) expectFacts(c);
+}
+
+TEST(TextFactsTest, CurrencyFromEvidence) {
+  struct CurrencyCase {
+    const char* name;
+    std::vector<Row> rows;
+    const char* currency;
+    const char* rule;
+  } cases[] = {
+      {"code beside the total", {{u"Total  CHF 54.00", 300, 400}, {u"EUR 1 = CHF 0.95", 60, 300}}, "CHF",
+       "near the amount"},
+      {"dollar by the address", {{u"ABN 51 824 753 556, Sydney", 60, 700}, {u"Total $ 20.00", 300, 400}}, "AUD",
+       "symbol near the amount, read by the country"},
+      {"most frequent mention", {{u"Total 20.00", 300, 400}, {u"Prices in GBP", 60, 300}, {u"GBP only", 60, 280}},
+       "GBP", "the only currency mentioned"},
+      {"none", {{u"Total 20.00", 300, 400}}, "-", ""},
+  };
+  for (const CurrencyCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto parsed = analyse(c.rows);
+    EXPECT_EQ(c.currency, text(parsed->facts.currency));
+    if (parsed->facts.currency) {
+      EXPECT_EQ(lmUtf16(c.rule), parsed->facts.evidence.at(u"currency").at(u"rule").toString());
+    }
+  }
+}
+
+TEST(TextFactsTest, EvidenceAndTheStandardElementsUntouched) {
+  const auto parsed = analyse({{u"Rechnungsdatum: 05.03.2024", 300, 740}, {u"Summe netto  100,00 EUR", 300, 400},
+                               {u"MwSt 19 %     19,00 EUR", 300, 385}, {u"Gesamtbetrag 119,00 EUR", 300, 370}});
+  const std::u16string before = LMValue(parsed->parser.result()).description();
+  const LMFacts again = lmTextFacts(parsed->parser, {LMDate::fromComponents(2026, 6, 1, 12), {}});
+  EXPECT_EQ(before, LMValue(parsed->parser.result()).description());
+  const LMDictionary& gross = *again.evidence.at(u"gross").asDictionary();
+  EXPECT_EQ(u"Gesamtbetrag", gross.at(u"anchor").toString());
+  EXPECT_EQ(u"119,00", gross.at(u"text").toString());
+  ASSERT_TRUE(gross.at(u"score").asDouble());
+  EXPECT_GE(*gross.at(u"score").asDouble(), 0.9);
+  EXPECT_EQ(0, gross.at(u"page").toInt());
+  EXPECT_FALSE(again.failed(u"gross-total"));
+  EXPECT_FALSE(again.failed(u"rate-tax"));
+}
+
+TEST(TextFactsTest, TaskRatesCheckTheTax) {
+  const auto parsed = analyse({{u"Net   100.00", 300, 400}, {u"Tax     8.25", 300, 385}, {u"Total 108.25", 300, 370}});
+  for (bool withRate : {false, true}) {
+    SCOPED_TRACE(withRate);
+    LMTextFactsOptions options;
+    if (withRate) options.rates.push_back(*LMDecimal::fromString(std::string_view("8.25")));
+    const LMFacts facts = lmTextFacts(parsed->parser, options);
+    EXPECT_EQ("8.25", text(facts.tax));
+    bool listed = false;
+    for (const LMFactsCheck& c : facts.checks) listed = listed || (c.name == u"rate-tax" && c.ok);
+    EXPECT_EQ(withRate, listed);
+  }
+}
+
+TEST(LabelsTest, FoldedMatching) {
+  struct LabelCase {
+    const char16_t* text;
+    const char16_t* label;  // folded; null: no label
+  } cases[] = {
+      {u"Gesamt-\nbetrag:", u"gesamtbetrag"}, {u"TOTAL TTC", u"total ttc"},
+      {u"Fälligkeitsdatum", u"falligkeitsdatum"}, {u"T0tal:", u"total"},
+      {u"Subtotal", u"subtotal"}, {u"Net à payer", u"net a payer"},
+      {u"Importe  total", u"importe total"}, {u"excl. BTW", u"excl btw"},
+      {u"Totalement", nullptr}, {u"Rückgeld", u"ruckgeld"},
+  };
+  for (const LabelCase& c : cases) {
+    SCOPED_TRACE(lmUtf8(c.text));
+    const LMFoldedText folded = lmFoldLabelText(c.text);
+    const auto found = lmFindLabels(folded.text);
+    if (!c.label) {
+      EXPECT_TRUE(found.empty());
+      continue;
+    }
+    ASSERT_FALSE(found.empty());
+    EXPECT_EQ(c.label, found.front().label->text);
+  }
+  // Every label is stored folded, so that folded text can find it.
+  for (const LMLabel& label : lmLabelTable()) {
+    SCOPED_TRACE(lmUtf8(label.text));
+    EXPECT_EQ(label.text, lmFoldLabelText(label.text).text);
+  }
+}
+
+}  // namespace

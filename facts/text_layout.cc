@@ -1,0 +1,514 @@
+#include "facts/text_layout.h"
+
+#include <algorithm>
+#include <map>
+
+#include "analysis/receipt_parser.h"
+#include "document/pdf_page.h"
+#include "document/receipt_document.h"
+#include "kit/unicode.h"
+
+namespace {
+
+// A label above an element ties it within this many of its line heights.
+constexpr double kColumnReach = 8;
+// An amount on a label's row that is not the row's last one ties less.
+constexpr double kInnerOfRow = 0.7;
+
+struct CurrencyWord {
+  std::u16string_view text;  // as printed, case-sensitive
+  std::u16string_view code;  // empty: decided by the country
+  bool word;                 // needs word boundaries
+};
+
+// Longest first where one begins another.
+const CurrencyWord kCurrencyWords[] = {
+    {u"US$", u"USD", false}, {u"CA$", u"CAD", false}, {u"NZ$", u"NZD", false},
+    {u"AU$", u"AUD", false}, {u"A$", u"AUD", false},  {u"C$", u"CAD", false},
+    {u"$", u"", false},      {u"\u20AC", u"EUR", false}, {u"\u00A3", u"GBP", false},
+    {u"\u20B9", u"INR", false}, {u"\u00A5", u"JPY", false}, {u"EUR", u"EUR", true},
+    {u"Euro", u"EUR", true}, {u"EURO", u"EUR", true}, {u"Euros", u"EUR", true},
+    {u"USD", u"USD", true},  {u"GBP", u"GBP", true}, {u"CHF", u"CHF", true},
+    {u"SFr.", u"CHF", true}, {u"NZD", u"NZD", true},
+    {u"AUD", u"AUD", true},  {u"CAD", u"CAD", true}, {u"INR", u"INR", true},
+    {u"Rs.", u"INR", true},  {u"Rs", u"INR", true},  {u"JPY", u"JPY", true}, {u"SEK", u"SEK", true},
+    {u"NOK", u"NOK", true},  {u"DKK", u"DKK", true}, {u"PLN", u"PLN", true},
+    {u"CZK", u"CZK", true},  {u"kr", u"", true},     {u"Kr.", u"", true},
+};
+
+// The first units of the currency words, to pass over all others quickly.
+constexpr std::u16string_view kCurrencyStarts = u"UCNA$\u20AC\u00A3\u20B9\u00A5EGSIRJDPkK";
+
+// Countries, by what points to them, and what their "$" and "kr" mean.
+struct CountryClue {
+  std::u16string_view folded;  // a word group of the folded text
+  std::u16string_view country;
+};
+const CountryClue kCountryClues[] = {
+    {u"deutschland", u"DE"}, {u"germany", u"DE"},     {u"allemagne", u"DE"},
+    {u"osterreich", u"AT"},  {u"austria", u"AT"},     {u"schweiz", u"CH"},
+    {u"suisse", u"CH"},      {u"switzerland", u"CH"}, {u"france", u"FR"},
+    {u"italia", u"IT"},      {u"italy", u"IT"},       {u"espana", u"ES"},
+    {u"spain", u"ES"},       {u"nederland", u"NL"},   {u"netherlands", u"NL"},
+    {u"belgique", u"BE"},    {u"belgie", u"BE"},      {u"united kingdom", u"GB"},
+    {u"england", u"GB"},     {u"united states", u"US"}, {u"usa", u"US"},
+    {u"new zealand", u"NZ"}, {u"australia", u"AU"},   {u"canada", u"CA"},
+    {u"india", u"IN"},       {u"sverige", u"SE"},     {u"sweden", u"SE"},
+    {u"norge", u"NO"},       {u"norway", u"NO"},      {u"danmark", u"DK"},
+    {u"denmark", u"DK"},     {u"co nz", u"NZ"},       {u"com au", u"AU"},
+    {u"co uk", u"GB"},       {u"co in", u"IN"},
+    // The largest cities of the countries whose currency is a dollar or
+    // whose documents name no currency by its code.
+    {u"auckland", u"NZ"},    {u"wellington", u"NZ"},  {u"christchurch", u"NZ"},
+    {u"sydney", u"AU"},      {u"melbourne", u"AU"},   {u"brisbane", u"AU"},
+    {u"toronto", u"CA"},     {u"montreal", u"CA"},    {u"vancouver", u"CA"},
+    {u"mumbai", u"IN"},      {u"bangalore", u"IN"},   {u"bengaluru", u"IN"},
+    {u"new delhi", u"IN"},   {u"new york", u"US"},    {u"california", u"US"},
+};
+// Phone prefixes as printed ("+49"), VAT id prefixes ("DE123456789").
+const CountryClue kPhonePrefixes[] = {
+    {u"+49", u"DE"}, {u"+43", u"AT"}, {u"+41", u"CH"}, {u"+33", u"FR"}, {u"+39", u"IT"},
+    {u"+34", u"ES"}, {u"+31", u"NL"}, {u"+32", u"BE"}, {u"+44", u"GB"}, {u"+1 ", u"US"},
+    {u"+64", u"NZ"}, {u"+61", u"AU"}, {u"+91", u"IN"}, {u"+46", u"SE"}, {u"+47", u"NO"},
+    {u"+45", u"DK"},
+};
+
+// The prefixes of European VAT ids.
+constexpr std::u16string_view kVatPrefixes =
+    u"AT BE BG CY CZ DE DK EE EL ES FI FR GB HR HU IE IT LT LU LV MT NL PL PT RO SE SI SK CH NO";
+
+std::u16string dollarOf(std::u16string_view country) {
+  if (country == u"NZ") return u"NZD";
+  if (country == u"AU") return u"AUD";
+  if (country == u"CA") return u"CAD";
+  return u"USD";
+}
+
+std::u16string kronaOf(std::u16string_view country) {
+  if (country == u"NO") return u"NOK";
+  if (country == u"DK") return u"DKK";
+  return u"SEK";
+}
+
+bool isAlnum(char16_t c) {
+  return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') || c > 0xBF;
+}
+
+bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+
+double overlap(double a0, double a1, double b0, double b1) { return std::min(a1, b1) - std::max(a0, b0); }
+
+// Percentages: "19%", "19 %", "7,0%", "5.5 %".
+void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates) {
+  for (size_t i = text.find(u'%'); i != std::u16string_view::npos; i = text.find(u'%', i + 1)) {
+    size_t end = i;
+    while (end > 0 && text[end - 1] == u' ') --end;
+    size_t begin = end;
+    while (begin > 0 && (isDigit(text[begin - 1]) || text[begin - 1] == u',' || text[begin - 1] == u'.'))
+      --begin;
+    while (begin < end && !isDigit(text[begin])) ++begin;
+    if (begin == end || end - begin > 6) continue;
+    std::u16string number(text.substr(begin, end - begin));
+    std::replace(number.begin(), number.end(), u',', u'.');
+    const auto rate = LMDecimal::fromString(number);
+    if (!rate || rate->isZero() || *rate > LMDecimal::fromInt(30)) continue;
+    if (std::find(rates.begin(), rates.end(), *rate) == rates.end()) rates.push_back(*rate);
+  }
+}
+
+// Amounts written with two decimals, "1.234,56", "-20,48", "233,47-", at
+// `i`; their length, 0 when none starts there.
+size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths) {
+  size_t j = i;
+  bool negative = false;
+  if (text[j] == u'-' || text[j] == u'\u2212') {
+    negative = true;
+    ++j;
+    if (j < text.size() && text[j] == u' ') ++j;
+  }
+  if (j >= text.size() || !isDigit(text[j])) return 0;
+  int64_t value = 0;
+  size_t digits = 0;
+  size_t lastSeparator = std::u16string_view::npos;
+  for (; j < text.size(); ++j) {
+    const char16_t c = text[j];
+    if (isDigit(c)) {
+      if (++digits > 13) return 0;
+      value = value * 10 + (c - u'0');
+    } else if ((c == u'.' || c == u',' || c == u'\'') && j + 1 < text.size() && isDigit(text[j + 1])) {
+      lastSeparator = j;
+    } else {
+      break;
+    }
+  }
+  if (lastSeparator == std::u16string_view::npos || j - lastSeparator != 3) return 0;
+  if (j < text.size() && (text[j] == u'%' || isAlnum(text[j]))) return 0;
+  if (j + 1 < text.size() && text[j] == u' ' && text[j + 1] == u'%') return 0;
+  if (j < text.size() && text[j] == u'-' && !negative) {
+    negative = true;
+    ++j;
+  }
+  hundredths = negative ? -value : value;
+  return j - i;
+}
+
+// Month names of the six languages, folded, with abbreviations.
+const std::pair<std::u16string_view, int> kMonths[] = {
+    {u"januar", 1},     {u"january", 1},   {u"janvier", 1},   {u"gennaio", 1},  {u"enero", 1},
+    {u"januari", 1},    {u"jan", 1},       {u"februar", 2},   {u"february", 2}, {u"fevrier", 2},
+    {u"febbraio", 2},   {u"febrero", 2},   {u"februari", 2},  {u"feb", 2},      {u"marz", 3},
+    {u"march", 3},      {u"mars", 3},      {u"marzo", 3},     {u"maart", 3},    {u"mar", 3},
+    {u"april", 4},      {u"avril", 4},     {u"aprile", 4},    {u"abril", 4},    {u"apr", 4},
+    {u"mai", 5},        {u"may", 5},       {u"maggio", 5},    {u"mayo", 5},     {u"mei", 5},
+    {u"juni", 6},       {u"june", 6},      {u"juin", 6},      {u"giugno", 6},   {u"junio", 6},
+    {u"jun", 6},        {u"juli", 7},      {u"july", 7},      {u"juillet", 7},  {u"luglio", 7},
+    {u"julio", 7},      {u"jul", 7},       {u"august", 8},    {u"aout", 8},     {u"agosto", 8},
+    {u"augustus", 8},   {u"aug", 8},       {u"september", 9}, {u"septembre", 9}, {u"settembre", 9},
+    {u"septiembre", 9}, {u"setiembre", 9}, {u"sep", 9},       {u"sept", 9},     {u"oktober", 10},
+    {u"october", 10},   {u"octobre", 10},  {u"ottobre", 10},  {u"octubre", 10}, {u"okt", 10},
+    {u"oct", 10},       {u"november", 11}, {u"novembre", 11}, {u"noviembre", 11}, {u"nov", 11},
+    {u"dezember", 12},  {u"december", 12}, {u"decembre", 12}, {u"dicembre", 12}, {u"diciembre", 12},
+    {u"dez", 12},       {u"dec", 12},
+};
+
+int monthOf(std::u16string_view word) {
+  for (const auto& [name, month] : kMonths) {
+    if (name == word) return month;
+  }
+  return 0;
+}
+
+// A number of 1 to 4 digits, or -1.
+int numberOf(std::u16string_view word) {
+  if (word.empty() || word.size() > 4) return -1;
+  int n = 0;
+  for (char16_t c : word) {
+    if (!isDigit(c)) return -1;
+    n = n * 10 + (c - u'0');
+  }
+  return n;
+}
+
+// Whether `range` shares a unit with one of `sorted` (in text order; the
+// elements' ranges are short, so a few steps back suffice).
+bool intersectsAny(const std::vector<LMTextRange>& sorted, LMTextRange range) {
+  auto it = std::lower_bound(sorted.begin(), sorted.end(), range.end(),
+                             [](const LMTextRange& r, uint64_t end) { return r.location < end; });
+  for (int steps = 0; it != sorted.begin() && steps < 16; ++steps) {
+    --it;
+    if (it->intersects(range)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+// The boxes of a page's text, from its lines: a range's box is its share of
+// its line's box. (Asking the PDF adapter for each range's exact bounds
+// rebuilds the text of a long document's page every time.)
+struct LMPageGeometry {
+  int64_t index = 0;
+  LMRect mediaBox;
+  std::vector<LMPdfTextLine> lines;  // in text order
+
+  LMRect box(size_t from, size_t to) const {
+    LMRect out = LMRect::null();
+    auto it = std::upper_bound(lines.begin(), lines.end(), from,
+                               [](size_t at, const LMPdfTextLine& l) { return at < l.range.location; });
+    if (it != lines.begin()) --it;
+    for (; it != lines.end() && it->range.location < to; ++it) {
+      const LMTextRange r = it->range;
+      if (r.end() <= from) continue;
+      const LMRect b = it->bounds.standardized();
+      const double unit = b.width / static_cast<double>(std::max<uint64_t>(r.length, 1));
+      const size_t begin = std::max<size_t>(from, r.location), end = std::min<size_t>(to, r.end());
+      const LMRect piece{b.x + unit * (begin - r.location), b.y, unit * (end - begin), b.height};
+      out = out.isNull() ? piece : lmRectUnion(out, piece);
+    }
+    return out.isNull() ? LMRect::zero() : out;
+  }
+};
+
+bool lmSameRow(const LMRect& a, const LMRect& b) {
+  const LMRect sa = a.standardized(), sb = b.standardized();
+  const double shared = overlap(sa.y, sa.y + sa.height, sb.y, sb.y + sb.height);
+  return shared > 0.5 * std::min(sa.height, sb.height);
+}
+
+LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
+  if (!parser.doc()) return;
+  std::map<std::u16string, int> votes;
+  std::vector<std::pair<size_t, int64_t>> symbols;  // mentions to resolve, by country
+  const int64_t pages = parser.doc()->pageCount();
+  // The standard elements' ranges per page, in text order: what the extra
+  // amounts and dates must leave alone.
+  std::vector<std::vector<LMTextRange>> numberRanges(pages), dateRanges(pages);
+  auto rangesOf = [&](const auto& elements, std::vector<std::vector<LMTextRange>>& into) {
+    if (!elements) return;
+    for (const auto& e : *elements) {
+      if (e && e->page() >= 0 && e->page() < pages) into[e->page()].push_back(e->range());
+    }
+    for (auto& ranges : into) {
+      std::sort(ranges.begin(), ranges.end(),
+                [](const LMTextRange& a, const LMTextRange& b) { return a.location < b.location; });
+    }
+  };
+  rangesOf(parser.numbers(), numberRanges);
+  rangesOf(parser.dates(), dateRanges);
+  for (int64_t page = 0; page < pages; ++page) {
+    const LMAttributedString* attributed = parser.doc()->attributedStringForPage(page);
+    if (!attributed || attributed->length() == 0) continue;
+    const std::u16string text = LMPDFPage::normalizePDFString(attributed->string);
+    const LMFoldedText folded = lmFoldLabelText(text);
+    LMPageGeometry geometry;
+    geometry.index = page;
+    if (auto pdfPage = parser.doc()->pdfDoc() ? parser.doc()->pdfDoc()->pageAtIndex(page) : nullptr) {
+      geometry.mediaBox = pdfPage->mediaBox();
+      if (pageBoxes_.size() <= static_cast<size_t>(page)) pageBoxes_.resize(page + 1);
+      pageBoxes_[page] = geometry.mediaBox.standardized();
+      geometry.lines = pdfPage->lines();
+      std::sort(
+          geometry.lines.begin(), geometry.lines.end(),
+          [](const LMPdfTextLine& a, const LMPdfTextLine& b) { return a.range.location < b.range.location; });
+    }
+    if (pageTexts_.size() <= static_cast<size_t>(page)) pageTexts_.resize(page + 1);
+    pageTexts_[page] = text;
+    auto box = [&](size_t from, size_t to) {
+      return geometry.box(from, to);
+    };
+    for (const LMLabelMatch& m : lmFindLabels(folded.text)) {
+      const size_t from = folded.origin[m.begin];
+      const size_t to = folded.origin[m.end - 1] + 1;
+      labels_.push_back({m.label, page, box(from, to), text.substr(from, to - from)});
+    }
+    collectRates(text, rates_);
+    collectAmounts(geometry, text, numberRanges[page], dateRanges[page]);
+    collectDates(geometry, text, folded, dateRanges[page]);
+    for (const CountryClue& clue : kCountryClues) {
+      for (size_t at = folded.text.find(clue.folded); at != std::u16string::npos;
+           at = folded.text.find(clue.folded, at + 1)) {
+        const size_t end = at + clue.folded.size();
+        if ((at == 0 || folded.text[at - 1] == u' ') &&
+            (end == folded.text.size() || folded.text[end] == u' ')) {
+          ++votes[std::u16string(clue.country)];
+        }
+      }
+    }
+    for (const CountryClue& clue : kPhonePrefixes) {
+      for (size_t at = text.find(clue.folded); at != std::u16string::npos;
+           at = text.find(clue.folded, at + 1)) {
+        votes[std::u16string(clue.country)] += 2;
+      }
+    }
+    // VAT ids: two capitals and eight or more digits.
+    for (size_t i = 0; i + 10 <= text.size(); ++i) {
+      if ((i > 0 && isAlnum(text[i - 1])) || text[i] < u'A' || text[i] > u'Z' || text[i + 1] < u'A' ||
+          text[i + 1] > u'Z') {
+        continue;
+      }
+      size_t j = i + 2;
+      while (j < text.size() && (isDigit(text[j]) || text[j] == u' ') && j - i < 16) ++j;
+      while (j > i + 2 && text[j - 1] == u' ') --j;  // the id ends with its last digit
+      size_t digits = 0;
+      for (size_t k = i + 2; k < j; ++k) digits += isDigit(text[k]) ? 1 : 0;
+      std::u16string country = text.substr(i, 2);
+      if (digits >= 8 && digits <= 12 && (j == text.size() || !isAlnum(text[j])) &&
+          kVatPrefixes.find(country) != std::u16string_view::npos && kVatPrefixes.find(country) % 3 == 0) {
+        if (country == u"EL") country = u"GR";
+        votes[country] += 3;
+      }
+    }
+    for (size_t i = 0; i < text.size(); ++i) {
+      if (kCurrencyStarts.find(text[i]) == std::u16string_view::npos) continue;
+      for (const CurrencyWord& w : kCurrencyWords) {
+        if (text.compare(i, w.text.size(), w.text) != 0) continue;
+        const size_t end = i + w.text.size();
+        if (w.word && ((i > 0 && isAlnum(text[i - 1])) ||
+                       (end < text.size() && isAlnum(text[end]) && w.text.back() != u'.'))) {
+          continue;
+        }
+        if (!w.word && i > 0 && text[i - 1] >= u'A' && text[i - 1] <= u'Z' && w.text == u"$") continue;
+        currencies_.push_back(
+            {std::u16string(w.code), page, box(i, end), std::u16string(w.text), w.code.empty()});
+        if (w.code.empty()) symbols.emplace_back(currencies_.size() - 1, page);
+        i = end - 1;
+        break;
+      }
+    }
+  }
+  markValuesOnRows(parser);
+  int best = 0;
+  for (const auto& [country, count] : votes) {
+    if (count > best) best = count, country_ = country;
+  }
+  for (const auto& [index, page] : symbols) {
+    LMCurrencyMention& m = currencies_[index];
+    m.code = m.text == u"$" ? dollarOf(country_) : kronaOf(country_);
+  }
+}
+
+void LMTextLayout::place(LMFoundElement& e, const LMPageGeometry& page, LMTextRange range,
+                         std::u16string_view text) {
+  e.setPage(page.index);
+  e.setRange(range);
+  e.setString(std::u16string(text.substr(range.location, range.length)));
+  e.setBbox(page.box(range.location, range.end()));
+  e.setPageBox(page.mediaBox);
+}
+
+void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view text,
+                                const LMFoldedText& folded, const std::vector<LMTextRange>& known) {
+  // The words of the folded text with where they begin and end.
+  struct Word {
+    std::u16string_view text;
+    size_t begin, end;  // in the folded text
+  };
+  std::vector<Word> words;
+  const std::u16string_view f = folded.text;
+  for (size_t i = 0; i < f.size();) {
+    if (f[i] == u' ') {
+      ++i;
+      continue;
+    }
+    size_t j = i;
+    while (j < f.size() && f[j] != u' ') ++j;
+    words.push_back({f.substr(i, j - i), i, j});
+    i = j;
+  }
+  for (size_t i = 0; i < words.size(); ++i) {
+    const int month = monthOf(words[i].text);
+    if (month == 0) continue;
+    // "12 marzo 2024", "15 de enero de 2024", "3 maart 2024"; "March 3 2024".
+    size_t first = i, last = i;
+    int day = -1, year = -1;
+    if (i > 0 && numberOf(words[i - 1].text) >= 1 && numberOf(words[i - 1].text) <= 31) {
+      day = numberOf(words[i - 1].text), first = i - 1;
+    } else if (i > 1 && words[i - 1].text == u"de" && numberOf(words[i - 2].text) >= 1 &&
+               numberOf(words[i - 2].text) <= 31) {
+      day = numberOf(words[i - 2].text), first = i - 2;
+    }
+    size_t k = i + 1;
+    if (day < 0 && k < words.size() && numberOf(words[k].text) >= 1 && numberOf(words[k].text) <= 31) {
+      day = numberOf(words[k].text), ++k;
+    }
+    if (k < words.size() && (words[k].text == u"de" || words[k].text == u"del")) ++k;
+    if (k < words.size() && words[k].text.size() == 4 && numberOf(words[k].text) >= 1900) {
+      year = numberOf(words[k].text), last = k;
+    }
+    if (day < 0 || year < 0) continue;
+    const auto date = LMDate::fromComponents(year, month, day);
+    if (!date ||
+        date->descriptionDate().substr(8) != (day < 10 ? u"0" : u"") + lmUtf16(std::to_string(day))) {
+      continue;
+    }
+    const size_t from = folded.origin[words[first].begin];
+    const size_t to = folded.origin[words[last].end - 1] + 1;
+    const LMTextRange range = LMTextRange::make(from, to - from);
+    if (intersectsAny(known, range)) continue;
+    auto d = std::make_shared<LMFoundDate>();
+    place(*d, page, range, text);
+    d->setDate(date);
+    d->setDateString(d->string());
+    extraDates_.push_back(std::move(d));
+    i = last;
+  }
+}
+
+void LMTextLayout::collectAmounts(const LMPageGeometry& page, std::u16string_view text,
+                                  const std::vector<LMTextRange>& numbers,
+                                  const std::vector<LMTextRange>& dates) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (i > 0 &&
+        (isAlnum(text[i - 1]) || text[i - 1] == u'.' || text[i - 1] == u',' || text[i - 1] == u'-')) {
+      continue;
+    }
+    int64_t hundredths = 0;
+    const size_t length = amountAt(text, i, hundredths);
+    if (length == 0) continue;
+    const LMTextRange range = LMTextRange::make(i, length);
+    if (!intersectsAny(numbers, range) && !intersectsAny(dates, range)) {
+      auto n = std::make_shared<LMFoundNumber>(hundredths, 2);
+      place(*n, page, range, text);
+      extraAmounts_.push_back(std::move(n));
+    }
+    i += length - 1;
+  }
+}
+
+std::pair<size_t, size_t> LMTextLayout::labelsOn(int64_t page) const {
+  // labels_ is in page order.
+  auto byPage = [](const LMLabelHit& h, int64_t p) { return h.page < p; };
+  const auto from = std::lower_bound(labels_.begin(), labels_.end(), page, byPage);
+  auto to = from;
+  while (to != labels_.end() && to->page == page) ++to;
+  return {static_cast<size_t>(from - labels_.begin()), static_cast<size_t>(to - labels_.begin())};
+}
+
+void LMTextLayout::markValuesOnRows(const LMReceiptParser& parser) {
+  auto mark = [&](const LMFoundElement& e) {
+    const LMRect box = e.bbox().standardized();
+    const auto [from, to] = labelsOn(e.page());
+    for (size_t i = from; i < to; ++i) {
+      LMLabelHit& hit = labels_[i];
+      if (box.x >= hit.box.x + hit.box.width - 1 && lmSameRow(hit.box, box)) {
+        hit.valueOnRow = true;
+      }
+    }
+  };
+  auto markAll = [&](const auto& elements) {
+    if (!elements) return;
+    for (const auto& e : *elements) {
+      if (e) mark(*e);
+    }
+  };
+  markAll(parser.numbers());
+  markAll(parser.dates());
+  markAll(std::optional(extraAmounts_));
+  markAll(std::optional(extraDates_));
+}
+
+double LMTextLayout::roleWeight(LMLabelRole role) const {
+  double sum = 0;
+  for (const LMLabelHit& hit : labels_) sum += hit.label->role == role ? hit.label->weight : 0;
+  return sum;
+}
+
+LMRoleTies LMTextLayout::ties(const LMFoundElement& element, double nextOnRow) const {
+  LMRoleTies out;
+  const LMRect e = element.bbox().standardized();
+  const LMLabelHit* row = nullptr;
+  const LMLabelHit* column = nullptr;
+  double columnGap = 0;
+  bool closed = nextOnRow >= kLMNoNextValue;  // the last value, or a label follows it
+  const auto [from, to] = labelsOn(element.page());
+  for (size_t i = from; i < to; ++i) {
+    const LMLabelHit& hit = labels_[i];
+    const LMRect& l = hit.box;
+    if (!closed && lmSameRow(l, e) && l.x >= e.x + e.width - 1 && l.x < nextOnRow) closed = true;
+    if (lmSameRow(l, e) && l.x + l.width <= e.x + 1) {
+      const size_t role = static_cast<size_t>(hit.label->role);
+      out.onRow[role] = std::max(out.onRow[role], hit.label->weight);
+      if (!row || l.x + l.width > row->box.x + row->box.width) row = &hit;
+      continue;
+    }
+    // A label with its own value on its row does not head a column.
+    if (hit.valueOnRow) continue;
+    const double gap = l.y - (e.y + e.height);  // label above: positive
+    const double reach = kColumnReach * std::max(e.height, 1.0);
+    if (gap > -1 && gap < reach && overlap(l.x, l.x + l.width, e.x, e.x + e.width) > 0) {
+      if (!column || gap < columnGap) column = &hit, columnGap = gap;
+    }
+  }
+  auto tie = [&](const LMLabelHit* hit, double factor) {
+    if (!hit) return;
+    const size_t role = static_cast<size_t>(hit->label->role);
+    const double s = hit->label->weight * factor;
+    if (s > out.score[role]) out.score[role] = s, out.anchor[role] = hit;
+  };
+  tie(row, closed ? 1.0 : kInnerOfRow);
+  if (column) {
+    const double reach = kColumnReach * std::max(e.height, 1.0);
+    tie(column, 0.8 - 0.3 * std::max(0.0, columnGap) / reach);
+  }
+  return out;
+}
