@@ -42,6 +42,7 @@ class LMReceiptParser {
   void setDefaultCurrency(LMValue currency) { defaultCurrency_ = std::move(currency); }
   // Tax rates in percent (e.g. 19, 7); echoed in the result.
   void setTaxes(LMValue taxes) { taxes_ = std::move(taxes); }
+  const LMValue& taxes() const { return taxes_; }
 
   // Runs the whole analysis; always answers true.
   bool work();

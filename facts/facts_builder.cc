@@ -7,6 +7,22 @@
 
 namespace {
 
+// The task's rates (numbers or numeric texts; anything else is passed over,
+// as the standard analysis has already answered a task of wrong kinds).
+LMTextFactsOptions textOptions(const LMReceiptParser& parser) {
+  LMTextFactsOptions options;
+  if (const LMArray* rates = parser.taxes().asArray()) {
+    for (const LMValue& rate : *rates) {
+      std::optional<LMDecimal> decimal;
+      if (const LMDecimal* d = rate.asDecimal()) decimal = *d;
+      else if (const int64_t* i = rate.asInt()) decimal = LMDecimal::fromInt(*i);
+      else if (rate.asDouble() || rate.asString()) decimal = LMDecimal::fromString(rate.toString());
+      if (decimal && !decimal->isNaN() && !decimal->isNegative()) options.rates.push_back(*decimal);
+    }
+  }
+  return options;
+}
+
 template <typename T>
 LMValue orNull(const std::optional<T>& value) {
   return value ? LMValue(*value) : LMValue::null();
@@ -36,7 +52,7 @@ LMFacts lmBuildFacts(const LMFactsRequest& request, const LMReceiptParser* parse
                      const LMEInvoiceSelection* selection, std::u16string_view attachment) {
   LMFacts text;
   if (parser) {
-    text = lmTextFacts(*parser);
+    text = lmTextFacts(*parser, textOptions(*parser));
   } else {
     text.checks.push_back({u"page-text", false, u"no page text"});
   }
