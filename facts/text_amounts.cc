@@ -410,10 +410,13 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     choice.checks.push_back({u"gross-total", true,
                              money(best.net) + u" + " + money(best.tax) + u" = " + money(best.gross)});
     if (rate) {
+      choice.rate = *best.rate;
       choice.checks.push_back(
           {u"rate-tax", true,
            money(best.net) + u" x " + best.rate->stringValue16() + u" % = " + money(best.tax)});
     } else if (best.zeroReason || best.tax == 0) {
+      choice.rate = LMDecimal::zero();
+      if (best.zeroReason) choice.exemptionReason = best.zeroReason->text;
       choice.checks.push_back(
           {u"rate-tax", true,
            u"no tax" + (best.zeroReason ? u": " + best.zeroReason->text : std::u16string())});

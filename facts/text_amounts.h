@@ -28,6 +28,11 @@ struct LMAmountChoice {
   // Up to three runners-up per role, best first, other values than the pick.
   std::vector<LMAmountPick> grossAlternatives, netAlternatives, taxAlternatives;
   std::vector<LMFactsCheck> checks;
+  // The one rate that ties net and tax (0 for a document without tax), and
+  // the words that say why there is none; unset when the arithmetic found
+  // no rate.
+  std::optional<LMDecimal> rate;
+  std::optional<std::u16string> exemptionReason;
 };
 
 // `taskRates`: rates in percent to try besides those the page prints and

@@ -323,6 +323,12 @@ LMFacts lmTextFacts(const LMReceiptParser& parser, const LMTextFactsOptions& opt
   setAmount(facts, u"net", facts.net, amounts.net, amounts.netAlternatives, credit);
   setAmount(facts, u"tax", facts.tax, amounts.tax, amounts.taxAlternatives, credit);
   for (const LMFactsCheck& c : amounts.checks) facts.checks.push_back(c);
+  if (amounts.rate && facts.net && facts.tax) {
+    facts.taxes.emplace_back(LMDictionary{
+        {u"rate", *amounts.rate}, {u"net", *facts.net}, {u"tax", *facts.tax},
+        {u"category", LMValue::null()},
+        {u"exemptionReason", amounts.exemptionReason ? LMValue(*amounts.exemptionReason) : LMValue::null()}});
+  }
   chooseCurrency(parser, layout, amounts, facts);
   chooseIssueDate(parser, layout, options.today.value_or(LMDate::now()), facts);
   return facts;
