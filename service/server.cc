@@ -2,13 +2,9 @@
 
 #include <fcntl.h>
 #include <malloc.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,14 +31,11 @@ constexpr auto kTrimDelay = std::chrono::seconds(1);
 constexpr auto kDrainQuietTime = std::chrono::milliseconds(100);
 // How long cancelled calls get to stop when the grace time is over.
 constexpr auto kCancelPatience = std::chrono::seconds(3);
-constexpr auto kLockPatience = std::chrono::seconds(5);
 // Bytes the loop reads from one connection before it looks at the others.
 constexpr size_t kReadBudget = 1u << 20;
 // The epoll identities of the wake-up and the listening socket; connections
 // have the numbers from 2 on (LMServer::nextId_).
 constexpr uint64_t kWakeId = 0, kListenId = 1;
-// The first socket passed by socket activation.
-constexpr int kActivationFirstFd = 3;
 
 std::string errnoText() { return std::strerror(errno); }
 
@@ -56,132 +49,7 @@ bool setNonBlocking(int fd) {
   return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
-// The listening socket socket activation handed to this process, if any.
-// The variables are removed either way, so that no child takes them as its own.
-std::optional<int> activatedSocket() {
-  const char* pidText = std::getenv("LISTEN_PID");
-  const char* countText = std::getenv("LISTEN_FDS");
-  if (!pidText || !countText) return std::nullopt;
-  const long pid = std::strtol(pidText, nullptr, 10);
-  const long count = std::strtol(countText, nullptr, 10);
-  unsetenv("LISTEN_PID");
-  unsetenv("LISTEN_FDS");
-  unsetenv("LISTEN_FDNAMES");
-  if (pid != static_cast<long>(getpid()) || count < 1) return std::nullopt;
-  if (count > 1) lmLogf("Using the first of %ld activated sockets", count);
-  const int fd = kActivationFirstFd;
-  int listening = 0;
-  int type = 0;
-  socklen_t size = sizeof listening;
-  sockaddr_storage address{};
-  socklen_t addressSize = sizeof address;
-  if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || !listening ||
-      (size = sizeof type, getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size)) != 0 ||
-      type != SOCK_STREAM ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressSize) != 0 ||
-      address.ss_family != AF_UNIX) {
-    lmLog("The activated socket is no listening Unix stream socket; ignored");
-    return std::nullopt;
-  }
-  fcntl(fd, F_SETFD, FD_CLOEXEC);
-  setNonBlocking(fd);
-  return fd;
-}
-
-sockaddr_un socketAddress(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
-  return address;
-}
-
-// Whether a process accepts connections on `path` (a full listen queue counts).
-bool isLive(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return false;
-  const sockaddr_un address = socketAddress(path);
-  const int result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  const bool live = result == 0 || errno == EAGAIN;
-  ::close(fd);
-  return live;
-}
-
 }  // namespace
-
-// --- LMListener ---
-
-LMListener::~LMListener() { close(); }
-
-void LMListener::close() {
-  unpublish();
-  if (fd_ >= 0) ::close(fd_);
-  if (lockFd_ >= 0) ::close(lockFd_);
-  fd_ = lockFd_ = -1;
-}
-
-LMListener::Outcome LMListener::open(std::string_view serviceName, std::string* failure) {
-  auto fail = [&](std::string why) {
-    if (failure) *failure = std::move(why);
-    return Outcome::kFailed;
-  };
-  if (auto fd = activatedSocket()) {
-    fd_ = *fd;
-    activated_ = true;
-    return Outcome::kListening;
-  }
-  std::string why;
-  const std::string path = lmServiceSocketPath(serviceName, &why);
-  if (path.empty()) return fail("No private folder for the socket: " + why);
-  const std::string lockPath =
-      path.substr(0, path.rfind('/') + 1) + std::string(serviceName) + ".lock";
-  lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (lockFd_ < 0) return fail("Cannot open " + lockPath + ": " + errnoText());
-
-  const auto giveUp = Clock::now() + kLockPatience;
-  while (flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EINTR) continue;
-    if (errno != EWOULDBLOCK) return fail("Cannot lock " + lockPath + ": " + errnoText());
-    if (isLive(path)) return Outcome::kAlreadyServed;
-    // The holder is starting up or shutting down: it will listen or let go.
-    if (Clock::now() > giveUp) return fail(lockPath + " is held by a process that does not listen");
-    usleep(20'000);
-  }
-  // Holding the lock, no other instance of ours binds; but another listener
-  // (one set up for socket activation) may own the path.
-  if (isLive(path)) return Outcome::kAlreadyServed;
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-    return fail("Cannot remove the stale " + path + ": " + errnoText());
-  }
-  fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd_ < 0) return fail("socket: " + errnoText());
-  const sockaddr_un address = socketAddress(path);
-  // The socket file is made with mode 0600 from the start: no moment in
-  // which others could connect.
-  const mode_t oldMask = umask(0177);
-  const int bound = bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  const int bindError = errno;
-  umask(oldMask);
-  if (bound != 0) return fail("Cannot bind " + path + ": " + std::strerror(bindError));
-  path_ = path;
-  struct stat st {};
-  if (lstat(path.c_str(), &st) == 0) {
-    device_ = st.st_dev;
-    inode_ = st.st_ino;
-  }
-  if (listen(fd_, SOMAXCONN) != 0) return fail("Cannot listen on " + path + ": " + errnoText());
-  return Outcome::kListening;
-}
-
-void LMListener::unpublish() {
-  if (path_.empty()) return;
-  struct stat st {};
-  if (lstat(path_.c_str(), &st) == 0 && st.st_dev == device_ && st.st_ino == inode_) {
-    unlink(path_.c_str());
-  }
-  path_.clear();
-}
-
-// --- LMServer ---
 
 struct LMServer::Connection {
   enum class State { kReading, kWaiting, kRunning };
@@ -198,6 +66,11 @@ struct LMServer::Connection {
   // call ran out of time or the service stops.
   std::atomic<bool> answered{false};
   std::shared_ptr<LMCancellation> cancellation = std::make_shared<LMCancellation>();
+};
+
+struct LMServer::Idle {
+  std::condition_variable wakeUp;
+  ConnectionPtr call;
 };
 
 namespace {
@@ -262,14 +135,7 @@ LMServer::LMServer(WorkerFactory factory, LMServerOptions options)
 }
 
 LMServer::~LMServer() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    closing_ = true;
-  }
-  callWaiting_.notify_all();
-  for (std::thread& worker : workers_) {
-    if (worker.joinable()) worker.join();
-  }
+  endWorkers();
   for (auto& [id, connection] : connections_) ::close(connection->fd);
   if (events_ >= 0) ::close(events_);
   if (wakeFd_ >= 0) ::close(wakeFd_);
@@ -418,12 +284,19 @@ bool LMServer::serve(LMListener& listener) {
       lmLogf("!!! %zu calls did not stop when cancelled", running_);
       return false;
     }
-    closing_ = true;
   }
-  callWaiting_.notify_all();
+  endWorkers();
+  return true;
+}
+
+void LMServer::endWorkers() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closing_ = true;
+    for (Idle* worker : idle_) worker->wakeUp.notify_one();
+  }
   for (std::thread& worker : workers_) worker.join();
   workers_.clear();
-  return true;
 }
 
 void LMServer::acceptQueued(int listenFd) {
@@ -479,13 +352,23 @@ void LMServer::readRequest(const ConnectionPtr& connection) {
     epoll_event e{};
     e.data.u64 = connection->id;
     epoll_ctl(events_, EPOLL_CTL_MOD, connection->fd, &e);
+    Idle* worker = nullptr;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      connection->state = Connection::State::kWaiting;
-      setDeadline(*connection, Clock::now() + options_.busyWait);
-      waiting_.push_back(connection);
+      if (idle_.empty()) {
+        connection->state = Connection::State::kWaiting;
+        setDeadline(*connection, Clock::now() + options_.busyWait);
+        waiting_.push_back(connection);
+      } else {
+        worker = idle_.back();
+        idle_.pop_back();
+        startCall(*connection);
+        worker->call = connection;
+      }
     }
-    callWaiting_.notify_one();
+    // The worker's Idle lives as long as its thread, which ends only after
+    // endWorkers(), on this thread.
+    if (worker) worker->wakeUp.notify_one();
     return;
   }
   const char16_t* refusal = status == LMFrameStatus::kOk ? u"Bad request frame" : refusalFor(status);
@@ -611,16 +494,31 @@ void LMServer::endAll(const std::u16string& message) {
   for (const ConnectionPtr& connection : refused) refuse(connection, message);
 }
 
+void LMServer::startCall(Connection& connection) {
+  connection.state = Connection::State::kRunning;
+  ++running_;
+  setDeadline(connection, Clock::now() + options_.callTimeLimit);
+}
+
 void LMServer::workerThread() {
+  Idle self;
   std::unique_lock<std::mutex> lock(mutex_);
   while (true) {
-    callWaiting_.wait(lock, [&] { return closing_ || !waiting_.empty(); });
-    if (waiting_.empty()) return;
-    const ConnectionPtr connection = std::move(waiting_.front());
-    waiting_.pop_front();
-    connection->state = Connection::State::kRunning;
-    ++running_;
-    setDeadline(*connection, Clock::now() + options_.callTimeLimit);
+    ConnectionPtr connection;
+    if (!waiting_.empty()) {
+      connection = std::move(waiting_.front());
+      waiting_.pop_front();
+      startCall(*connection);
+    } else {
+      if (closing_) return;
+      idle_.push_back(&self);
+      self.wakeUp.wait(lock, [&] { return self.call || closing_; });
+      if (!self.call) {
+        std::erase(idle_, &self);
+        return;
+      }
+      connection = std::move(self.call);
+    }
     lock.unlock();
     runCall(*connection);
     lock.lock();

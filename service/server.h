@@ -1,7 +1,6 @@
-// The service's side of the transport: the listening socket and the server
-// that runs one worker per connection.
+// The service's side of the transport: the server that reads requests and
+// runs one worker per call.
 #pragma once
-#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
@@ -21,58 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "service/listener.h"
 #include "service/worker_runtime.h"
-
-// The socket a service listens on: one handed over by socket activation
-// (LISTEN_FDS/LISTEN_PID, file descriptor 3), or the service's own socket at
-// lmServiceSocketPath, made while holding the lock file beside it so that
-// only one process serves a name. Not thread-safe.
-class LMListener {
- public:
-  enum class Outcome {
-    kListening,      // fd() accepts connections
-    kAlreadyServed,  // another process listens on the path; this one should end
-    kFailed,         // `failure` says why
-  };
-
-  LMListener() = default;
-  LMListener(const LMListener&) = delete;
-  LMListener& operator=(const LMListener&) = delete;
-  // close()
-  ~LMListener();
-
-  // Takes the activated socket when there is one for this process (and
-  // removes the activation variables from the environment); otherwise takes
-  // the lock, checks that no one else listens on the path, removes a stale
-  // socket file, binds with mode 0600 and listens. When the lock is held by
-  // a process that does not listen (one that is starting up or shutting
-  // down), waits up to five seconds for it to either listen or let go.
-  Outcome open(std::string_view serviceName, std::string* failure = nullptr);
-
-  // Stops listening: unpublishes, closes the socket and releases the lock,
-  // so that a new service may take the name while this one finishes its
-  // calls. Connections still queued and not accepted are dropped.
-  void close();
-
-  // The listening socket (non-blocking, close-on-exec); -1 before open.
-  int fd() const { return fd_; }
-  // The socket file this process made; empty for an activated socket.
-  const std::string& path() const { return path_; }
-  bool activated() const { return activated_; }
-
-  // Removes the socket file (when this process made it and it is still
-  // this socket's), so that new clients no longer find this listener;
-  // connections already queued can still be accepted.
-  void unpublish();
-
- private:
-  int fd_ = -1;
-  int lockFd_ = -1;
-  bool activated_ = false;
-  std::string path_;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
-};
 
 // Limits and timeouts of one server; service_main.cc reads them from the
 // environment (docs/reliability.md lists the variables).
@@ -146,6 +95,7 @@ class LMServer {
  private:
   using Clock = std::chrono::steady_clock;
   struct Connection;
+  struct Idle;  // a worker thread waiting for a call
   using ConnectionPtr = std::shared_ptr<Connection>;
   enum class Phase { kServing, kDraining, kClosing };
 
@@ -162,6 +112,10 @@ class LMServer {
 
   // A worker thread: takes waiting calls until the server closes.
   void workerThread();
+  // Makes `connection` a running call (with mutex_ held).
+  void startCall(Connection& connection);
+  // Ends the worker threads once they are idle.
+  void endWorkers();
   // Decodes the request of `connection`, runs a fresh worker and sends its
   // reply, unless the loop has answered the call already. Never throws.
   void runCall(Connection& connection);
@@ -177,13 +131,15 @@ class LMServer {
   std::atomic<bool> stopRequested_{false};
 
   std::mutex mutex_;
-  std::condition_variable callWaiting_;
   std::condition_variable callEnded_;
   uint64_t nextId_ = 2;  // 0 and 1 name the wake-up and the listening socket
   std::unordered_map<uint64_t, ConnectionPtr> connections_;
   // Every connection's next deadline, earliest first.
   std::set<std::pair<Clock::time_point, uint64_t>> deadlines_;
   std::deque<ConnectionPtr> waiting_;  // complete requests, oldest first
+  // Idle workers, the most recently busy last: a call goes to the warmest
+  // (its caches and memory arena), which saves time on every call.
+  std::vector<Idle*> idle_;
   size_t running_ = 0;
   bool wakeOnEnd_ = false;  // the loop wants to hear when a call ends
   Clock::time_point loopWakesAt_;  // when the waiting loop looks at the deadlines next

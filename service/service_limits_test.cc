@@ -35,9 +35,9 @@ class ServiceLimitsTest : public ServiceHarness {
     EXPECT_TRUE(waitForSocket(pid, socketPath_)) << log();
     return pid;
   }
-  // A call that takes a second or more, sent; its worker has started.
+  // A call that takes a few seconds, sent; its worker has started.
   int slowCall(size_t logFrom = 0) {
-    const int fd = sendOnly(socketPath_, requestFrame(LMDictionary{{u"data", slowPdf(400)}}));
+    const int fd = sendOnly(socketPath_, requestFrame(LMDictionary{{u"data", slowPdf(600)}}));
     EXPECT_TRUE(waitForLog("==> XPC work on task", logFrom)) << log();
     return fd;
   }
@@ -71,7 +71,7 @@ TEST_F(ServiceLimitsTest, LimitsEndInAnErrorReply) {
     std::u16string slowReply;  // "": the second call's reply is checked
     std::u16string secondReply;
   } cases[] = {
-      {"over the call's time limit", {"LM_CALL_TIME_LIMIT=0.3", "LM_STOP_GRACE=1"}, u"Call took longer than 0.3 s", u""},
+      {"over the call's time limit", {"LM_CALL_TIME_LIMIT=1", "LM_STOP_GRACE=1"}, u"Call took longer than 1 s", u""},
       {"every worker busy past the wait", {"LM_WORKERS=1", "LM_BUSY_WAIT=0.2", "LM_STOP_GRACE=1"}, u"", u"Service busy"},
   };
   for (const Case& c : cases) {
