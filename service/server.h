@@ -54,7 +54,8 @@ struct LMServerOptions {
 // One thread, the accept loop (the caller of serve()), accepts connections
 // and reads their requests as the bytes arrive, so that slow or idle
 // clients cost no worker; a complete request goes to a fixed pool of worker
-// threads in arrival order. The loop also keeps the time: requests that do
+// threads (to the idle one that was busy last; requests that find every worker
+// busy wait in arrival order). The loop also keeps the time: requests that do
 // not arrive in time, requests that wait too long for a worker, calls over
 // their time limit, clients that hang up during their call (the worker's
 // cancellation is raised), and the grace time after stop().
