@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static LMServer* server = [] {
     lmSetLogSink([](std::string_view) {});
     LMServerOptions options;
-    options.ioTimeout = std::chrono::seconds(5);
+    options.requestTimeout = std::chrono::seconds(5);
+    options.replyTimeout = std::chrono::seconds(5);
     return new LMServer([] { return std::make_unique<LMXPCWorker>(); }, options);
   }();
   int fds[2];

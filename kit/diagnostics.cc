@@ -1,6 +1,7 @@
 #include "kit/diagnostics.h"
 
 #include <execinfo.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -8,8 +9,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <unordered_map>
 
 namespace {
 
@@ -29,6 +32,51 @@ std::string& processName() {
     return n.empty() ? std::string("lmreceipt") : n;
   }());
   return *name;
+}
+
+std::string logPrefix();
+
+// Repeated entries on standard error (see lmLog); guarded by logMutex().
+constexpr int kRepeatAllowance = 3;
+constexpr auto kRepeatWindow = std::chrono::minutes(1);
+constexpr size_t kRepeatTableSize = 1024;  // distinct entries remembered
+constexpr long long kLogCheckInterval = 64 << 10;
+
+struct Repeats {
+  std::chrono::steady_clock::time_point windowStart;
+  int count = 0;
+  long long leftOut = 0;
+};
+
+struct StandardErrorLog {
+  std::unordered_map<size_t, Repeats> repeats;  // by the entry's hash
+  long long limit = 0;
+  long long sinceCheck = 0;
+};
+
+StandardErrorLog& standardErrorLog() {
+  static auto* log = new StandardErrorLog;
+  return *log;
+}
+
+void writeLine(std::string line) {
+  line.push_back('\n');
+  std::fwrite(line.data(), 1, line.size(), stderr);
+  std::fflush(stderr);
+}
+
+// Empties standard error's file when it is beyond the limit. With logMutex() held.
+void checkLogSize(StandardErrorLog& log) {
+  log.sinceCheck = 0;
+  struct stat st {};
+  if (log.limit <= 0 || fstat(STDERR_FILENO, &st) != 0 || !S_ISREG(st.st_mode) ||
+      st.st_size <= log.limit) {
+    return;
+  }
+  if (ftruncate(STDERR_FILENO, 0) == 0) {
+    // Opened for appending, writing goes on at the new end.
+    writeLine(logPrefix() + "The log was emptied at " + std::to_string(st.st_size) + " bytes");
+  }
 }
 
 std::string vformat(const char* format, va_list args) {
@@ -70,9 +118,30 @@ void lmLog(std::string_view message) {
     logSink()(line);
     return;
   }
-  line.push_back('\n');
-  std::fwrite(line.data(), 1, line.size(), stderr);
-  std::fflush(stderr);
+  StandardErrorLog& log = standardErrorLog();
+  const auto now = std::chrono::steady_clock::now();
+  if (log.repeats.size() >= kRepeatTableSize) log.repeats.clear();
+  Repeats& repeats = log.repeats[std::hash<std::string_view>()(message)];
+  if (repeats.count == 0 || now - repeats.windowStart >= kRepeatWindow) {
+    if (repeats.leftOut > 0) {
+      writeLine(logPrefix() + std::to_string(repeats.leftOut) +
+                " repeats of the next entry were left out in the last minute");
+    }
+    repeats = Repeats{now, 0, 0};
+  }
+  if (++repeats.count > kRepeatAllowance) {
+    ++repeats.leftOut;
+    return;
+  }
+  log.sinceCheck += static_cast<long long>(line.size()) + 1;
+  writeLine(std::move(line));
+  if (log.limit > 0 && log.sinceCheck >= kLogCheckInterval) checkLogSize(log);
+}
+
+void lmLimitLogFile(long long bytes) {
+  std::lock_guard<std::mutex> lock(logMutex());
+  standardErrorLog().limit = bytes;
+  checkLogSize(standardErrorLog());
 }
 
 void lmLogf(const char* format, ...) {

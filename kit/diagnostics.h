@@ -9,6 +9,11 @@
 #include <string_view>
 
 // Writes one log entry. Thread-safe: entries never interleave.
+//
+// On standard error an entry repeated word for word (a soft assertion in a
+// loop, the same warning for every call) is written at most three times a
+// minute; the next one written after that minute first says how many were
+// left out. Entries that go to a sink are never left out.
 void lmLog(std::string_view message);
 // printf-style form of lmLog.
 void lmLogf(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -17,6 +22,11 @@ void lmLogf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // trailing newline); an empty function restores standard error. For tests.
 using LMLogSink = std::function<void(std::string_view line)>;
 void lmSetLogSink(LMLogSink sink);
+
+// Bounds the log when standard error is a regular file: the file is emptied
+// when it has grown beyond `bytes`, at once and whenever writing finds it
+// beyond (checked every 64 KiB written), and an entry says so. 0: no bound.
+void lmLimitLogFile(long long bytes);
 
 // The name the log prints for this process (default: the executable's name).
 void lmSetProcessName(std::string name);

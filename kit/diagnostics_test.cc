@@ -1,6 +1,12 @@
 #include "kit/diagnostics.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 
 #include <regex>
 #include <string>
@@ -63,6 +69,59 @@ TEST(DiagnosticsTest, TimeTrackKeepsIndependentNamedTimers) {
   EXPECT_TRUE(std::regex_match(body(capture.fullLines()[2]),
                                std::regex(R"(Time <parse> \[\d\.\d{4}s of \d\.\d{4}s\] pages)")));
   EXPECT_EQ("Time <(null)> [0.0000s of 0.0000s] ", body(capture.fullLines()[3]));
+}
+
+// Standard error goes to a file while it exists.
+class StandardErrorFile {
+ public:
+  StandardErrorFile() {
+    std::fflush(stderr);
+    saved_ = dup(STDERR_FILENO);
+    const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+    dup2(fd, STDERR_FILENO);
+    close(fd);
+  }
+  ~StandardErrorFile() {
+    std::fflush(stderr);
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+    std::remove(path_.c_str());
+  }
+  std::string text() const {
+    std::ifstream in(path_);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  }
+
+ private:
+  std::string path_ = "/tmp/lm-diagnostics-test-" + std::to_string(getpid());
+  int saved_ = -1;
+};
+
+size_t count(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+TEST(DiagnosticsTest, RepeatedEntriesAreLeftOutAndTheFileStaysBounded) {
+  StandardErrorFile file;
+  for (int i = 0; i < 50; ++i) {
+    LMAssert(i < 0, "repeated");
+    lmLogf("changing %d", i);
+  }
+  std::string text = file.text();
+  EXPECT_EQ(3u, count(text, "repeated <")) << text;
+  EXPECT_EQ(50u, count(text, "changing "));
+
+  // Beyond the bound the file is emptied, once the next check comes.
+  lmLimitLogFile(100 << 10);
+  const std::string filler(1000, 'x');
+  for (int i = 0; i < 300; ++i) lmLogf("%d %s", i, filler.c_str());
+  text = file.text();
+  lmLimitLogFile(0);
+  EXPECT_LT(text.size(), size_t{170 << 10});
+  EXPECT_EQ(1u, count(text, "The log was emptied at "));
+  EXPECT_NE(std::string::npos, text.find(" 299 xxx"));
 }
 
 }  // namespace

@@ -11,8 +11,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -59,27 +61,6 @@ Wait waitFor(int fd, short events, LMDeadline deadline) {
     if (n == 0) return Wait::kTimedOut;
     if (errno != EINTR) return Wait::kFailed;
   }
-}
-
-enum class Read { kOk, kEof, kTimedOut, kFailed };
-
-// Reads exactly `size` bytes; `got` counts those that arrived.
-Read readFully(int fd, uint8_t* out, size_t size, LMDeadline deadline, size_t* got) {
-  *got = 0;
-  while (*got < size) {
-    const ssize_t n = recv(fd, out + *got, size - *got, MSG_DONTWAIT);
-    if (n > 0) {
-      *got += static_cast<size_t>(n);
-      continue;
-    }
-    if (n == 0) return Read::kEof;
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return Read::kFailed;
-    const Wait w = waitFor(fd, POLLIN, deadline);
-    if (w == Wait::kTimedOut) return Read::kTimedOut;
-    if (w == Wait::kFailed) return Read::kFailed;
-  }
-  return Read::kOk;
 }
 
 // A plain file name: not empty, no '/', not "." or "..".
@@ -237,32 +218,35 @@ bool spawnDetached(const std::string& executable, const std::string& logPath,
   return true;
 }
 
-// Starts the service unless this process started it a moment ago.
+// Starts the service unless this process started the same executable for
+// the same socket a moment ago.
 bool startService(const std::string& name, const std::string& socketPath, std::string* failure) {
   static std::mutex mutex;
-  static std::chrono::steady_clock::time_point lastStart;
-  static bool started = false;
+  static std::map<std::string, std::chrono::steady_clock::time_point> lastStarts;
   std::lock_guard<std::mutex> lock(mutex);
   const auto now = std::chrono::steady_clock::now();
-  if (started && now - lastStart < kSpawnQuietTime) return true;
   const std::string executable = findServiceExecutable(name);
   if (executable.empty()) {
     *failure = "Could not find the service executable " + name;
     return false;
   }
+  const std::string key = executable + '\0' + socketPath;
+  if (auto it = lastStarts.find(key); it != lastStarts.end() && now - it->second < kSpawnQuietTime) {
+    return true;
+  }
   const std::string logPath = socketPath.substr(0, socketPath.rfind('/') + 1) + name + ".log";
   if (!spawnDetached(executable, logPath, failure)) return false;
-  started = true;
-  lastStart = now;
+  lastStarts[key] = now;
   return true;
 }
 
 // A connected socket, or -1 with `failure` set.
-int connectOnDemand(const std::string& name, const std::string& path, std::string* failure) {
+int connectOnDemand(const std::string& name, const std::string& path, LMDeadline callDeadline,
+                    std::string* failure) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), path.size());
-  const auto deadline = std::chrono::steady_clock::now() + kConnectPatience;
+  const auto deadline = std::min(callDeadline, std::chrono::steady_clock::now() + kConnectPatience);
   auto pause = std::chrono::milliseconds(5);
   bool started = false;
   while (true) {
@@ -296,8 +280,12 @@ int connectOnDemand(const std::string& name, const std::string& path, std::strin
 
 }  // namespace
 
-std::string lmServiceSocketPath(std::string_view serviceName) {
-  if (!isPlainName(serviceName)) return std::string();
+std::string lmServiceSocketPath(std::string_view serviceName, std::string* failure) {
+  auto fail = [&](std::string why) {
+    if (failure) *failure = std::move(why);
+    return std::string();
+  };
+  if (!isPlainName(serviceName)) return fail("\"" + std::string(serviceName) + "\" is no service name");
   const std::string file = std::string(serviceName) + ".sock";
   if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && runtime[0] == '/') {
     const std::string path = std::string(runtime) + "/" + file;
@@ -305,11 +293,27 @@ std::string lmServiceSocketPath(std::string_view serviceName) {
   }
   const std::string dir =
       "/tmp/" + std::string(serviceName) + "-" + std::to_string(geteuid());
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return std::string();
+  const std::string fix = "; remove it or set XDG_RUNTIME_DIR to a folder of yours that only you may enter";
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    return fail("Cannot make the folder " + dir + ": " + errnoText(errno) + fix);
+  }
   // Not following links: in /tmp anyone may have made the name first.
-  if (!isPrivateDirectory(dir, false)) return std::string();
+  struct stat st {};
+  if (lstat(dir.c_str(), &st) != 0) return fail("Cannot use " + dir + ": " + errnoText(errno));
+  if (!S_ISDIR(st.st_mode)) return fail(dir + " is not a folder (a link or a file)" + fix);
+  if (st.st_uid != geteuid()) {
+    return fail(dir + " belongs to user " + std::to_string(st.st_uid) + ", not to you (user " +
+                std::to_string(geteuid()) + ")" + fix);
+  }
+  if ((st.st_mode & 077) != 0) {
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    return fail(dir + " has mode " + mode + ", so others may enter it; run chmod 700 " + dir +
+                " (or remove it)");
+  }
   const std::string path = dir + "/" + file;
-  return fitsSocketAddress(path) ? path : std::string();
+  if (!fitsSocketAddress(path)) return fail(path + " is too long for a socket address");
+  return path;
 }
 
 std::array<uint8_t, kLMFrameHeaderBytes> lmFrameHeader(uint8_t kind, uint64_t payloadBytes) {
@@ -356,42 +360,65 @@ std::optional<LMXPCError> lmParseErrorPayload(std::span<const uint8_t> payload) 
   return error;
 }
 
-LMFrameStatus lmReadFrame(int fd, LMDeadline deadline, LMFrame* frame, uint64_t* announced) {
-  uint8_t header[kLMFrameHeaderBytes];
-  size_t got = 0;
-  switch (readFully(fd, header, sizeof header, deadline, &got)) {
-    case Read::kOk:
-      break;
-    case Read::kEof:
-      return got == 0 ? LMFrameStatus::kClosed : LMFrameStatus::kTruncated;
-    case Read::kTimedOut:
-      return LMFrameStatus::kTimedOut;
-    case Read::kFailed:
-      return LMFrameStatus::kFailed;
-  }
-  if (std::memcmp(header, kMagic, sizeof kMagic) != 0 || header[4] != kLMFrameVersion ||
-      header[6] != 0 || header[7] != 0) {
-    return LMFrameStatus::kMalformed;
-  }
-  const uint64_t length = getBigEndian(header + 8, 8);
-  if (announced) *announced = length;
-  if (length > kLMMaxFrameBytes) return LMFrameStatus::kTooLarge;
-  frame->kind = header[5];
-  frame->payload.clear();
+LMFrameStatus LMFrameReader::readAvailable(int fd, size_t budget) {
   // Grows with what arrives, so that a header alone cannot make us allocate.
   constexpr size_t kFirstChunk = 64u << 10;
-  size_t have = 0;
-  while (have < length) {
-    const size_t size = static_cast<size_t>(
-        std::min<uint64_t>(length, std::max<size_t>(kFirstChunk, 2 * have)));
-    frame->payload.resize(size);
-    const Read r = readFully(fd, frame->payload.data() + have, size - have, deadline, &got);
-    have += got;
-    if (r == Read::kEof) return LMFrameStatus::kTruncated;
-    if (r == Read::kTimedOut) return LMFrameStatus::kTimedOut;
-    if (r == Read::kFailed) return LMFrameStatus::kFailed;
+  size_t taken = 0;
+  while (taken < budget) {
+    uint8_t* into;
+    size_t want;
+    if (!headerRead_) {
+      into = header_ + headerBytes_;
+      want = sizeof header_ - headerBytes_;
+    } else {
+      if (have_ == length_) return LMFrameStatus::kOk;
+      if (have_ == frame_.payload.size()) {
+        frame_.payload.resize(static_cast<size_t>(
+            std::min<uint64_t>(length_, std::max<size_t>(kFirstChunk, 2 * have_))));
+      }
+      into = frame_.payload.data() + have_;
+      want = frame_.payload.size() - have_;
+    }
+    const ssize_t n = recv(fd, into, want, MSG_DONTWAIT);
+    if (n == 0) {
+      return headerBytes_ == 0 ? LMFrameStatus::kClosed : LMFrameStatus::kTruncated;
+    }
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return LMFrameStatus::kPending;
+      return LMFrameStatus::kFailed;
+    }
+    taken += static_cast<size_t>(n);
+    if (headerRead_) {
+      have_ += static_cast<size_t>(n);
+      continue;
+    }
+    headerBytes_ += static_cast<size_t>(n);
+    if (headerBytes_ < sizeof header_) continue;
+    if (std::memcmp(header_, kMagic, sizeof kMagic) != 0 || header_[4] != kLMFrameVersion ||
+        header_[6] != 0 || header_[7] != 0) {
+      return LMFrameStatus::kMalformed;
+    }
+    headerRead_ = true;
+    length_ = getBigEndian(header_ + 8, 8);
+    if (length_ > kLMMaxFrameBytes) return LMFrameStatus::kTooLarge;
+    frame_.kind = header_[5];
+    frame_.payload.clear();
   }
-  return LMFrameStatus::kOk;
+  return headerRead_ && have_ == length_ ? LMFrameStatus::kOk : LMFrameStatus::kPending;
+}
+
+LMFrameStatus lmReadFrame(int fd, LMDeadline deadline, LMFrame* frame, uint64_t* announced) {
+  LMFrameReader reader;
+  while (true) {
+    const LMFrameStatus status = reader.readAvailable(fd);
+    if (announced) *announced = reader.announced();
+    if (status == LMFrameStatus::kOk) *frame = std::move(reader.frame());
+    if (status != LMFrameStatus::kPending) return status;
+    const Wait w = waitFor(fd, POLLIN, deadline);
+    if (w == Wait::kTimedOut) return LMFrameStatus::kTimedOut;
+    if (w == Wait::kFailed) return LMFrameStatus::kFailed;
+  }
 }
 
 bool lmWriteFrame(int fd, uint8_t kind, std::span<const uint8_t> payload, LMDeadline deadline,
@@ -433,7 +460,7 @@ bool lmWriteFrame(int fd, uint8_t kind, std::span<const uint8_t> payload, LMDead
 
 std::optional<LMWireReply> lmServiceCall(std::string_view serviceName,
                                          std::span<const uint8_t> request,
-                                         std::string* failure) {
+                                         std::string* failure, LMDeadline deadline) {
   std::string why;
   auto fail = [&](std::string reason) -> std::optional<LMWireReply> {
     if (failure) *failure = std::move(reason);
@@ -441,18 +468,19 @@ std::optional<LMWireReply> lmServiceCall(std::string_view serviceName,
   };
   if (request.size() > kLMMaxFrameBytes) return fail("Request too large");
   const std::string name(serviceName);
-  const std::string path = lmServiceSocketPath(name);
-  if (path.empty()) return fail("No private folder for the socket of " + name);
-  const int fd = connectOnDemand(name, path, &why);
+  const std::string path = lmServiceSocketPath(name, &why);
+  if (path.empty()) return fail("No private folder for the socket of " + name + ": " + why);
+  const int fd = connectOnDemand(name, path, deadline, &why);
   if (fd < 0) return fail(why);
   FdCloser closer(fd);
 
   // A service that refuses a request from its header answers before reading
   // the rest, so the reply is read even when sending failed.
-  const bool sent = lmWriteFrame(fd, kLMFrameRequest, request, kLMNoDeadline, &why);
+  const bool sent = lmWriteFrame(fd, kLMFrameRequest, request, deadline, &why);
   LMFrame frame;
-  const LMFrameStatus status = lmReadFrame(fd, kLMNoDeadline, &frame);
+  const LMFrameStatus status = lmReadFrame(fd, deadline, &frame);
   if (status != LMFrameStatus::kOk) {
+    if (status == LMFrameStatus::kTimedOut) return fail("The service did not answer in time");
     if (!sent) return fail("Could not send the request: " + why);
     return fail(status == LMFrameStatus::kClosed || status == LMFrameStatus::kTruncated
                     ? "The service closed the connection without a reply"
@@ -465,4 +493,14 @@ std::optional<LMWireReply> lmServiceCall(std::string_view serviceName,
     return LMWireReply{{}, std::move(error)};
   }
   return fail("The service's reply has an unknown kind");
+}
+
+std::string lmSecondsText(std::chrono::milliseconds duration) {
+  char text[32];
+  if (duration.count() % 1000 == 0) {
+    std::snprintf(text, sizeof text, "%lld s", static_cast<long long>(duration.count() / 1000));
+  } else {
+    std::snprintf(text, sizeof text, "%g s", static_cast<double>(duration.count()) / 1000.0);
+  }
+  return text;
 }

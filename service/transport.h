@@ -26,10 +26,11 @@ inline constexpr uint64_t kLMMaxFrameBytes = 256ull << 20;
 // directory owned by the effective user that no one else may enter (mode
 // 0700 or stricter) and the path fits a socket address. Empty when
 // `serviceName` is no plain file name or neither folder can be trusted (e.g.
-// someone else made /tmp/<serviceName>-<uid>). The service keeps its lock
+// someone else made /tmp/<serviceName>-<uid>); `failure` then names the
+// folder, what is wrong with it and how to fix it. The service keeps its lock
 // file (<serviceName>.lock) and, when a client started it, its log
 // (<serviceName>.log) in the same folder.
-std::string lmServiceSocketPath(std::string_view serviceName);
+std::string lmServiceSocketPath(std::string_view serviceName, std::string* failure = nullptr);
 
 // --- Frames ---
 //
@@ -64,6 +65,7 @@ struct LMFrame {
 
 enum class LMFrameStatus {
   kOk,
+  kPending,    // LMFrameReader only: the frame is not complete yet
   kClosed,     // the peer closed before sending a byte
   kTruncated,  // the peer closed inside the frame
   kMalformed,  // wrong magic, version or reserved bytes
@@ -83,6 +85,30 @@ inline constexpr LMDeadline kLMNoDeadline = LMDeadline::max();
 LMFrameStatus lmReadFrame(int fd, LMDeadline deadline, LMFrame* frame,
                           uint64_t* announced = nullptr);
 
+// Reads one frame from a stream socket in steps, taking only what has
+// arrived: for a server that reads many connections on one thread. The
+// header is checked before any payload byte is read; memory grows with the
+// bytes that arrive, not with the announced length. Not thread-safe.
+class LMFrameReader {
+ public:
+  // Reads what has arrived on `fd` (at most about `budget` bytes), without
+  // waiting. kPending: the frame is incomplete and the stream still open;
+  // kOk: frame() is complete; anything else is final, as for lmReadFrame.
+  LMFrameStatus readAvailable(int fd, size_t budget = SIZE_MAX);
+  // The payload length the header announced; 0 before the header is read.
+  uint64_t announced() const { return length_; }
+  // The frame once readAvailable gave kOk.
+  LMFrame& frame() { return frame_; }
+
+ private:
+  uint8_t header_[kLMFrameHeaderBytes] = {};
+  size_t headerBytes_ = 0;
+  bool headerRead_ = false;
+  uint64_t length_ = 0;
+  size_t have_ = 0;
+  LMFrame frame_;
+};
+
 // Writes a whole frame (header and payload) to `fd`, going on after partial
 // writes and interruptions and never raising SIGPIPE. False (and `failure`
 // set) when the socket failed or the deadline passed; the frame may then be
@@ -100,16 +126,22 @@ struct LMWireReply {
 
 // Performs one call to the service named `serviceName`: connects (starting
 // the service executable on demand when nothing listens, then retrying the
-// connection for a short while), sends `request`, waits for the reply.
-// nullopt when no reply arrived (the service could not be reached or closed
-// the connection); `failure` then says why. Thread-safe.
+// connection for a short while), sends `request`, waits for the reply until
+// `deadline`. nullopt when no reply arrived (the service could not be
+// reached, closed the connection or did not answer by the deadline);
+// `failure` then says why. Thread-safe.
 //
 // The executable started on demand is the file named `serviceName` in
 // $LM_SERVICE_DIR when that is set, else beside the calling executable, else
 // found through $PATH. It runs detached (own session, standard input and
 // output on /dev/null, standard error appended to the log beside the socket)
 // and ends by itself after a minute without connections. Connecting is
-// retried for up to five seconds. There is no time limit on the reply.
+// retried for up to five seconds (and not past the deadline).
 std::optional<LMWireReply> lmServiceCall(std::string_view serviceName,
                                          std::span<const uint8_t> request,
-                                         std::string* failure = nullptr);
+                                         std::string* failure = nullptr,
+                                         LMDeadline deadline = kLMNoDeadline);
+
+// "60 s", "0.25 s": a duration as the messages of the service and its
+// clients print it.
+std::string lmSecondsText(std::chrono::milliseconds duration);

@@ -1,5 +1,4 @@
-// Socket paths, frames, the server's pool and timeouts in this process, and
-// the client starting the real service on demand.
+// Socket paths, frames, and the client starting the real service on demand.
 #include "service/transport.h"
 
 #include <fcntl.h>
@@ -22,7 +21,6 @@
 
 #include "kit/diagnostics.h"
 #include "service/keyed_archive.h"
-#include "service/server.h"
 
 namespace {
 
@@ -134,116 +132,6 @@ TEST_F(TransportTest, WriteFrameSurvivesSlowAndVanishedReaders) {
   EXPECT_FALSE(lmWriteFrame(pair[0], kLMFrameResult, payload, kLMNoDeadline, &why));
   EXPECT_FALSE(why.empty());
   close(pair[0]);
-}
-
-// A worker that waits at a gate; counts how many run at once.
-struct Gate {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool open = false;
-  int workers = 0, running = 0, mostRunning = 0;
-};
-
-class GateWorker : public LMXPCBaseWorker {
- public:
-  explicit GateWorker(Gate& gate) : gate_(gate) {}
-  void work() override {
-    std::unique_lock<std::mutex> lock(gate_.mutex);
-    gate_.mostRunning = std::max(gate_.mostRunning, ++gate_.running);
-    gate_.changed.notify_all();
-    gate_.changed.wait(lock, [&] { return gate_.open; });
-    --gate_.running;
-    doneWithResult(LMDictionary{{u"worker", gate_.workers}});
-  }
-
- private:
-  Gate& gate_;
-};
-
-class ServerTest : public RuntimeFolder {
- protected:
-  void start(LMServerOptions options) {
-    server_ = std::make_unique<LMServer>(
-        [this] {
-          std::lock_guard<std::mutex> lock(gate_.mutex);
-          ++gate_.workers;
-          return std::make_unique<GateWorker>(gate_);
-        },
-        options);
-    ASSERT_EQ(LMListener::Outcome::kListening, listener_.open("lmreceipt-test"));
-    path_ = listener_.path();
-    served_ = std::async(std::launch::async, [this] { server_->serve(listener_); });
-  }
-  void TearDown() override {
-    {
-      std::lock_guard<std::mutex> lock(gate_.mutex);
-      gate_.open = true;
-    }
-    gate_.changed.notify_all();
-    if (server_) server_->stop();
-    if (served_.valid()) served_.wait();
-    RuntimeFolder::TearDown();
-  }
-  // Sends an empty request on a new connection.
-  int call() {
-    const int fd = connectTo(path_);
-    const auto header = lmFrameHeader(kLMFrameRequest, 0);
-    EXPECT_EQ(16, write(fd, header.data(), header.size()));
-    return fd;
-  }
-  LMFrame reply(int fd) {
-    LMFrame frame;
-    EXPECT_EQ(LMFrameStatus::kOk,
-              lmReadFrame(fd, std::chrono::steady_clock::now() + kPatience, &frame));
-    close(fd);
-    return frame;
-  }
-
-  Gate gate_;
-  LMListener listener_;
-  std::unique_ptr<LMServer> server_;
-  std::future<void> served_;
-  std::string path_;
-};
-
-TEST_F(ServerTest, CallsRunInParallelUpToTheCap) {
-  LMServerOptions options;
-  options.maxConnections = 2;
-  start(options);
-  std::vector<int> fds = {call(), call(), call()};
-  {
-    std::unique_lock<std::mutex> lock(gate_.mutex);
-    ASSERT_TRUE(gate_.changed.wait_for(lock, kPatience, [&] { return gate_.running == 2; }));
-  }
-  // The third waits in the listen queue while two are served.
-  std::this_thread::sleep_for(200ms);
-  {
-    std::lock_guard<std::mutex> lock(gate_.mutex);
-    EXPECT_EQ(2, gate_.workers);
-    gate_.open = true;
-  }
-  gate_.changed.notify_all();
-  for (int fd : fds) EXPECT_EQ(kLMFrameResult, reply(fd).kind);
-  EXPECT_EQ(3, gate_.workers);  // one worker per connection
-  EXPECT_EQ(2, gate_.mostRunning);
-
-  server_->stop();
-  EXPECT_EQ(std::future_status::ready, served_.wait_for(kPatience));
-}
-
-TEST_F(ServerTest, StuckClientIsCutOffAndIdleServerLeaves) {
-  LMServerOptions options;
-  options.ioTimeout = 200ms;
-  options.idleTimeout = 500ms;
-  start(options);
-  const int fd = connectTo(path_);
-  ASSERT_EQ(5, write(fd, "LMXP\x01", 5));
-  const LMFrame frame = reply(fd);
-  ASSERT_EQ(kLMFrameError, frame.kind);
-  EXPECT_EQ(u"Request timed out", lmParseErrorPayload(frame.payload)->message);
-
-  ASSERT_EQ(std::future_status::ready, served_.wait_for(kPatience));
-  EXPECT_NE(0, access(path_.c_str(), F_OK));
 }
 
 class ClientTest : public RuntimeFolder {

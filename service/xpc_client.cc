@@ -10,6 +10,12 @@
 
 namespace {
 
+// When a call made now gives up; never for a timeout of zero or less.
+LMDeadline deadlineAfter(std::chrono::milliseconds timeout) {
+  if (timeout.count() <= 0) return kLMNoDeadline;
+  return std::chrono::steady_clock::now() + timeout;
+}
+
 LMXPCError unreachable(std::string_view why) {
   return LMXPCError{kLMErrorDomain, kLMErrorCode, u"Service not reachable: " + lmUtf16(why)};
 }
@@ -21,15 +27,22 @@ struct LMXPC::Call {
   std::string serviceName;
   std::vector<uint8_t> request;
   ReplyBlock block;
+  LMDeadline deadline;
+  std::chrono::milliseconds timeout;
 
   void run() {
     LMValue result;
     std::optional<LMXPCError> error;
     try {
       std::string failure;
-      std::optional<LMWireReply> reply =
-          transport ? transport(serviceName, request, &failure) : std::nullopt;
-      if (!reply) {
+      // A call whose time ran out in the queue is not sent at all.
+      std::optional<LMWireReply> reply;
+      if (transport && std::chrono::steady_clock::now() < deadline) {
+        reply = transport(serviceName, request, &failure, deadline);
+      }
+      if (!reply && std::chrono::steady_clock::now() >= deadline) {
+        error = unreachable("The service did not answer within " + lmSecondsText(timeout));
+      } else if (!reply) {
         // Deliberately an error reply rather than no reply: no waiting caller hangs.
         error = unreachable(failure.empty() ? "no reply" : failure);
       } else if (reply->error) {
@@ -91,7 +104,8 @@ void LMXPCOperation::concurrentMain() {
         operation->setTaskResult(result);
         operation->setError(error);
         operation->completeOperation();
-      });
+      },
+      deadline_);
 }
 
 void LMXPCOperation::cancel() {
@@ -108,8 +122,8 @@ void LMXPCOperation::cleanup() { xpcHelper_.store(nullptr); }
 
 // --- LMXPC ---
 
-LMXPC::LMXPC(std::string serviceName, Transport transport)
-    : serviceName_(std::move(serviceName)), transport_(std::move(transport)) {
+LMXPC::LMXPC(std::string serviceName, Transport transport, std::chrono::milliseconds timeout)
+    : serviceName_(std::move(serviceName)), transport_(std::move(transport)), timeout_(timeout) {
   operationQueue_.setMaxConcurrentOperationCount(1);
   performXPCBoot();
 }
@@ -118,7 +132,8 @@ LMXPC::~LMXPC() { operationQueue_.waitUntilAllOperationsAreFinished(); }
 
 void LMXPC::performXPCBoot() { queueCall(LMDictionary{{u"__boot", true}}); }
 
-std::shared_ptr<LMXPC::Call> LMXPC::archiveCall(const LMValue& request, ReplyBlock block) const {
+std::shared_ptr<LMXPC::Call> LMXPC::archiveCall(const LMValue& request, ReplyBlock block,
+                                                LMDeadline deadline) const {
   LMAssert(!serviceName_.empty());
   std::vector<uint8_t> bytes;
   std::string why;
@@ -128,11 +143,11 @@ std::shared_ptr<LMXPC::Call> LMXPC::archiveCall(const LMValue& request, ReplyBlo
     lmLogf("lxDataSerialize: %s", why.c_str());
   }
   return std::make_shared<Call>(
-      Call{transport_, serviceName_, std::move(bytes), std::move(block)});
+      Call{transport_, serviceName_, std::move(bytes), std::move(block), deadline, timeout_});
 }
 
 void LMXPC::performXPCAsyncWithObject(const LMValue& request, ReplyBlock block) {
-  auto call = archiveCall(request, std::move(block));
+  auto call = archiveCall(request, std::move(block), deadlineAfter(timeout_));
   try {
     std::thread([call] { call->run(); }).detach();
   } catch (const std::system_error& e) {
@@ -142,13 +157,15 @@ void LMXPC::performXPCAsyncWithObject(const LMValue& request, ReplyBlock block) 
   }
 }
 
-void LMXPC::performXPCWithObjectOnThisThread(const LMValue& request, ReplyBlock block) {
-  archiveCall(request, std::move(block))->run();
+void LMXPC::performXPCWithObjectOnThisThread(const LMValue& request, ReplyBlock block,
+                                             LMDeadline deadline) {
+  archiveCall(request, std::move(block), deadline)->run();
 }
 
 std::shared_ptr<LMXPCOperation> LMXPC::queueCall(LMDictionary request) {
   auto operation = std::make_shared<LMXPCOperation>(this);
   operation->setTaskInfo(std::move(request));
+  operation->setDeadline(deadlineAfter(timeout_));
   operationQueue_.addOperation(operation);
   return operation;
 }

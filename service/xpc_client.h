@@ -10,10 +10,14 @@
 //
 // Errors come back as LMXPCError: the service's own error replies (domain
 // "com.brightmoor.error", code 101) and, with the same domain and code, a
-// service that could not be reached or broke the connection without a reply
-// ("Service not reachable: <why>").
+// service that could not be reached, broke the connection without a reply
+// or did not answer within the client's timeout ("Service not reachable:
+// <why>"). The timeout covers a call from the moment it is made: waiting in
+// the queue (behind the warm-up call, say), starting the service,
+// connecting, sending and the reply.
 #pragma once
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -27,6 +31,9 @@
 #include "service/worker_runtime.h"
 
 class LMXPC;
+
+// How long an LMXPC call waits for its reply unless told otherwise.
+inline constexpr std::chrono::milliseconds kLMXPCDefaultTimeout = std::chrono::seconds(120);
 
 // One call: completes when the reply has arrived. Create it with
 // std::make_shared, set taskInfo and add it to the client's operationQueue().
@@ -49,6 +56,10 @@ class LMXPCOperation : public LMOperationConcurrent {
 
   LMXPC* xpcHelper() const { return xpcHelper_.load(); }
 
+  // When the call gives up. Set before the operation is added.
+  LMDeadline deadline() const { return deadline_; }
+  void setDeadline(LMDeadline deadline) { deadline_ = deadline; }
+
   // The request. Set it before the operation is added.
   const LMDictionary& taskInfo() const { return taskInfo_; }
   void setTaskInfo(LMDictionary taskInfo) { taskInfo_ = std::move(taskInfo); }
@@ -63,6 +74,7 @@ class LMXPCOperation : public LMOperationConcurrent {
 
  private:
   std::atomic<LMXPC*> xpcHelper_;
+  LMDeadline deadline_ = kLMNoDeadline;
   LMDictionary taskInfo_;
   LMValue taskResult_;
   std::optional<LMXPCError> error_;
@@ -74,20 +86,25 @@ class LMXPC {
   // the error (nullopt on success).
   using ReplyBlock =
       std::function<void(const LMValue& result, const std::optional<LMXPCError>& error)>;
-  // Performs one call on the wire; lmServiceCall unless a test supplies
-  // another.
+  // Performs one call on the wire, giving up at the deadline; lmServiceCall
+  // unless a test supplies another.
   using Transport = std::function<std::optional<LMWireReply>(
-      std::string_view serviceName, std::span<const uint8_t> request, std::string* failure)>;
+      std::string_view serviceName, std::span<const uint8_t> request, std::string* failure,
+      LMDeadline deadline)>;
 
   // A client of the service `serviceName` (see lmServiceCall for how the
-  // service is found and started). Queues the warm-up call at once.
-  explicit LMXPC(std::string serviceName, Transport transport = lmServiceCall);
+  // service is found and started) whose calls give up after `timeout` (never
+  // when it is zero).
+  // Queues the warm-up call at once.
+  explicit LMXPC(std::string serviceName, Transport transport = lmServiceCall,
+                 std::chrono::milliseconds timeout = kLMXPCDefaultTimeout);
   // Waits until every queued call is finished.
   ~LMXPC();
   LMXPC(const LMXPC&) = delete;
   LMXPC& operator=(const LMXPC&) = delete;
 
   const std::string& serviceName() const { return serviceName_; }
+  std::chrono::milliseconds timeout() const { return timeout_; }
   // The calls, at most one at a time.
   LMOperationQueue& operationQueue() { return operationQueue_; }
 
@@ -115,13 +132,16 @@ class LMXPC {
   struct Call;
   std::shared_ptr<LMXPCOperation> queueCall(LMDictionary request);
   // The call of `request`, archived on the calling thread.
-  std::shared_ptr<Call> archiveCall(const LMValue& request, ReplyBlock block) const;
+  std::shared_ptr<Call> archiveCall(const LMValue& request, ReplyBlock block,
+                                    LMDeadline deadline) const;
   // What performXPCAsyncWithObject does, but on the calling thread: returns
   // after `block` has been called.
-  void performXPCWithObjectOnThisThread(const LMValue& request, ReplyBlock block);
+  void performXPCWithObjectOnThisThread(const LMValue& request, ReplyBlock block,
+                                        LMDeadline deadline);
 
   const std::string serviceName_;
   const Transport transport_;
+  const std::chrono::milliseconds timeout_;
   LMOperationQueue operationQueue_;
 };
 

@@ -32,7 +32,8 @@ class FakeService {
   }
 
   LMXPC::Transport transport() {
-    return [this](std::string_view name, std::span<const uint8_t> bytes, std::string* failure) {
+    return [this](std::string_view name, std::span<const uint8_t> bytes, std::string* failure,
+                  LMDeadline) {
       return call(name, bytes, failure);
     };
   }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -37,7 +38,7 @@ constexpr const char* kUsage =
     "                         [--jobs N] [--verbose] FILE...\n"
     "       lmreceipt call [--currency CODE] [--tax RATE]... [--format json|summary]\n"
     "                      [--no-facts | --facts-from best|text|e-invoice]\n"
-    "                      [--verbose] FILE...\n"
+    "                      [--timeout SECONDS] [--verbose] FILE...\n"
     "       lmreceipt --help\n";
 
 constexpr const char* kHelp =
@@ -63,6 +64,9 @@ constexpr const char* kHelp =
     "  --jobs N           analyze only: files analysed in parallel (default: the\n"
     "                     number of cores); results are printed in the order of the\n"
     "                     files\n"
+    "  --timeout SECONDS  call only: give up on a file when the service has not\n"
+    "                     answered within this time, starting the service and\n"
+    "                     the warm-up call included (default 120; 0: wait forever)\n"
     "  --verbose          also print the log on standard error (analyze: one line\n"
     "                     per call, warnings about damaged PDFs; call: the client's\n"
     "                     log)\n"
@@ -82,10 +86,11 @@ constexpr const char* kHelp =
     "executable lmreceipt-service in $LM_SERVICE_DIR when that is set, else beside\n"
     "lmreceipt, else found through $PATH. The service ends by itself after a minute\n"
     "without calls; its log is lmreceipt-service.log beside the socket. A service\n"
-    "that cannot be reached is reported per file as \"Service not reachable: ...\".\n"
+    "that cannot be reached or does not answer in time is reported per file as\n"
+    "\"Service not reachable: ...\".\n"
     "The found elements (numbers, dates, terms) travel in their archive form, which\n"
     "leaves out typography, decimal places, scores and features; in call's JSON\n"
-    "those come back as zero, false or null.\n"
+    "those come back as zero, false or null. Everything else is the same.\n"
     "\n"
     "Exit status: 0 when every file was analysed, 1 when any failed, 2 for bad usage.\n";
 
@@ -97,6 +102,7 @@ struct Options {
   bool facts = true;
   const char16_t* factsFrom = u"best";
   unsigned jobs = 0;
+  std::chrono::milliseconds timeout = kLMXPCDefaultTimeout;  // call only
   bool verbose = false;
   std::vector<std::string> files;
 };
@@ -278,7 +284,7 @@ int analyze(const Options& options, const Performer& perform) {
 // The files one at a time through one client (its queue sends one call at a
 // time anyway), so --jobs does not apply.
 int call(Options options) {
-  LMXPC xpc(kServiceName);
+  LMXPC xpc(kServiceName, lmServiceCall, options.timeout);
   options.jobs = 1;
   return analyze(options, [&xpc](const LMDictionary& task) {
     LMXPCReply reply;
@@ -347,6 +353,16 @@ int main(int argc, char** argv) {
       options.factsFrom = *v == "text" ? u"text" : *v == "e-invoice" ? u"e-invoice" : u"best";
     } else if (a == "--verbose" || a == "-v") {
       options.verbose = true;
+    } else if (a == "--timeout" && options.viaService) {
+      const std::string* v = value("--timeout");
+      char* end = nullptr;
+      const double seconds = v ? std::strtod(v->c_str(), &end) : -1;
+      if (!v || *end != '\0' || !(seconds >= 0 && seconds <= 86400)) {
+        return usageError("--timeout needs a number of seconds");
+      }
+      options.timeout = std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
+    } else if (a == "--timeout") {
+      return usageError("--timeout applies to call only");
     } else if ((a == "--jobs" || a == "-j") && options.viaService) {
       return usageError("--jobs applies to analyze only; call sends one file at a time");
     } else if (a == "--jobs" || a == "-j") {

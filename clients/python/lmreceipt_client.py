@@ -9,7 +9,8 @@ A call is one connection to the service's local socket: one request frame
 carrying the task as a keyed archive, one reply frame carrying the result
 archive or an error (docs/protocol.md). When nothing listens on the socket the
 client starts the service executable and retries for a few seconds, as the
-C++ client does. See README.md beside this file.
+C++ client does. A call gives up after `timeout` seconds (default 120),
+starting the service and connecting included. See README.md beside this file.
 """
 
 from __future__ import annotations
@@ -39,6 +40,7 @@ _KIND_ERROR = 1
 _HEADER = struct.Struct(">4sBBxxQ")
 _MAX_FRAME_BYTES = 256 << 20
 _CONNECT_PATIENCE = 5.0
+DEFAULT_TIMEOUT = 120.0
 _REFERENCE_DATE = datetime.datetime(2001, 1, 1, tzinfo=datetime.timezone.utc)
 _SOCKET_PATH_LIMIT = 108  # sizeof(sockaddr_un.sun_path) on Linux
 
@@ -336,9 +338,33 @@ def _frame(kind: int, payload: bytes) -> bytes:
     return _HEADER.pack(_MAGIC, _VERSION, kind, len(payload)) + payload
 
 
-def _read_exactly(sock: socket.socket, size: int) -> bytes:
+class _Deadline:
+    """When a call gives up; None: never."""
+
+    def __init__(self, timeout: float | None):
+        self.timeout = timeout
+        self.at = None if timeout is None or timeout <= 0 else time.monotonic() + timeout
+
+    def left(self) -> float | None:
+        """Seconds left (None for no limit); raises ServiceNotReachable when none are."""
+        if self.at is None:
+            return None
+        left = self.at - time.monotonic()
+        if left <= 0:
+            raise self.expired()
+        return left
+
+    def expired(self) -> ServiceNotReachable:
+        return ServiceNotReachable(f"The service did not answer within {self.timeout:g} s")
+
+    def arm(self, sock: socket.socket) -> None:
+        sock.settimeout(self.left())
+
+
+def _read_exactly(sock: socket.socket, size: int, deadline: _Deadline) -> bytes:
     chunks, have = [], 0
     while have < size:
+        deadline.arm(sock)
         chunk = sock.recv(min(size - have, 1 << 20))
         if not chunk:
             break
@@ -347,8 +373,8 @@ def _read_exactly(sock: socket.socket, size: int) -> bytes:
     return b"".join(chunks)
 
 
-def _read_frame(sock: socket.socket) -> tuple[int, bytes]:
-    header = _read_exactly(sock, _HEADER.size)
+def _read_frame(sock: socket.socket, deadline: _Deadline) -> tuple[int, bytes]:
+    header = _read_exactly(sock, _HEADER.size, deadline)
     if len(header) < _HEADER.size:
         raise ServiceNotReachable("The service closed the connection without a reply")
     magic, version, kind, length = _HEADER.unpack(header)
@@ -356,7 +382,7 @@ def _read_frame(sock: socket.socket) -> tuple[int, bytes]:
         raise ServiceNotReachable("The service's reply is not a frame")
     if length > _MAX_FRAME_BYTES:
         raise ServiceNotReachable("The service's reply is too large")
-    payload = _read_exactly(sock, length)
+    payload = _read_exactly(sock, length, deadline)
     if len(payload) < length:
         raise ServiceNotReachable("The service closed the connection without a reply")
     return kind, payload
@@ -405,24 +431,43 @@ def socket_path(service_name: str = DEFAULT_SERVICE_NAME) -> str:
         if len(path.encode()) < _SOCKET_PATH_LIMIT and _private_directory(runtime, True):
             return path
     folder = f"/tmp/{service_name}-{os.geteuid()}"
+    fix = "; remove it or set XDG_RUNTIME_DIR to a folder of yours that only you may enter"
+
+    def refuse(why: str):
+        return ServiceNotReachable(f"No private folder for the socket of {service_name}: {why}")
+
     try:
         os.mkdir(folder, 0o700)
     except FileExistsError:
         pass
     except OSError as e:
-        raise ServiceNotReachable(f"No private folder for the socket of {service_name}: {e}")
-    path = os.path.join(folder, file)
+        raise refuse(f"Cannot make the folder {folder}: {e.strerror}{fix}") from None
     # Not following links: in /tmp anyone may have made the name first.
-    if not _private_directory(folder, False) or len(path.encode()) >= _SOCKET_PATH_LIMIT:
-        raise ServiceNotReachable(f"No private folder for the socket of {service_name}")
+    st = os.lstat(folder)
+    if not stat.S_ISDIR(st.st_mode):
+        raise refuse(f"{folder} is not a folder (a link or a file){fix}")
+    if st.st_uid != os.geteuid():
+        raise refuse(f"{folder} belongs to user {st.st_uid}, not to you (user {os.geteuid()}){fix}")
+    if st.st_mode & 0o077:
+        raise refuse(f"{folder} has mode {stat.S_IMODE(st.st_mode):04o}, so others may enter it; "
+                     f"run chmod 700 {folder} (or remove it)")
+    path = os.path.join(folder, file)
+    if len(path.encode()) >= _SOCKET_PATH_LIMIT:
+        raise refuse(f"{path} is too long for a socket address")
     return path
 
 
 def find_service_executable(service_name: str = DEFAULT_SERVICE_NAME) -> str | None:
-    """$LM_SERVICE_DIR/<name> when LM_SERVICE_DIR is set, else <name> on PATH."""
+    """$LM_SERVICE_DIR/<name> when LM_SERVICE_DIR is set, else <name> in the
+    build folder of the repository this module sits in (build/, where
+    scripts/demo.sh and scripts/test.sh put it), else <name> on PATH."""
     folder = os.environ.get("LM_SERVICE_DIR")
     if folder:
         return os.path.join(folder, service_name)
+    built = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "build",
+                         service_name)
+    if os.path.isfile(built) and os.access(built, os.X_OK):
+        return os.path.normpath(built)
     return shutil.which(service_name)
 
 
@@ -434,26 +479,37 @@ class ServiceClient:
     as its program name, which names its socket. The service ends by itself
     after a minute without calls; `started` is the process this client
     started (or None), for callers that want to end it sooner.
+    timeout: seconds a call may take in all, starting the service and
+    connecting included (None or 0: no limit).
     """
 
-    def __init__(self, service_name: str = DEFAULT_SERVICE_NAME, executable: str | None = None):
+    def __init__(self, service_name: str = DEFAULT_SERVICE_NAME, executable: str | None = None,
+                 timeout: float | None = DEFAULT_TIMEOUT):
         self.service_name = service_name
         self.executable = executable
+        self.timeout = timeout
         self.started: subprocess.Popen | None = None
 
     def call(self, task: Any) -> Any:
         """Sends `task` (a dict of plain values) and returns the decoded
         result (None for a reply without bytes). Raises ServiceError for an
-        error reply, ServiceNotReachable when no reply came."""
+        error reply, ServiceNotReachable when no reply came in time."""
         request = archive(task)
         if len(request) > _MAX_FRAME_BYTES:
             raise ServiceError("Request too large")
-        with self._connect() as sock:
+        deadline = _Deadline(self.timeout)
+        with self._connect(deadline) as sock:
             try:
+                deadline.arm(sock)
                 sock.sendall(_frame(_KIND_REQUEST, request))
+            except socket.timeout:
+                raise deadline.expired() from None
             except OSError:
                 pass  # a service that refuses the request still answers; read it
-            kind, payload = _read_frame(sock)
+            try:
+                kind, payload = _read_frame(sock, deadline)
+            except socket.timeout:
+                raise deadline.expired() from None
         if kind == _KIND_ERROR:
             raise _parse_error(payload)
         if kind != _KIND_RESULT:
@@ -474,15 +530,21 @@ class ServiceClient:
             raise ServiceError("No result")
         return result
 
-    def _connect(self) -> socket.socket:
+    def _connect(self, call_deadline: _Deadline) -> socket.socket:
         path = socket_path(self.service_name)
         deadline = time.monotonic() + _CONNECT_PATIENCE
+        if call_deadline.at is not None:
+            deadline = min(deadline, call_deadline.at)
         pause, started = 0.005, False
         while True:
             sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
             try:
+                call_deadline.arm(sock)
                 sock.connect(path)
                 return sock
+            except socket.timeout:
+                sock.close()
+                raise call_deadline.expired() from None
             except OSError as e:
                 sock.close()
                 if e.errno in (errno.ENOENT, errno.ECONNREFUSED):
@@ -492,6 +554,8 @@ class ServiceClient:
                 elif e.errno != errno.EAGAIN:
                     raise ServiceNotReachable(f"Could not connect to {path}: {e.strerror}")
                 if time.monotonic() + pause > deadline:
+                    if call_deadline.at is not None and time.monotonic() + pause > call_deadline.at:
+                        raise call_deadline.expired() from None
                     raise ServiceNotReachable(
                         f"The service did not answer at {path}: {e.strerror}") from None
             time.sleep(pause)
@@ -522,7 +586,8 @@ class ServiceClient:
 def analyze(path: str | os.PathLike, currency: str = "",
             taxes: Iterable[int | float | decimal.Decimal] = (), *,
             executable: str | None = None,
-            service_name: str = DEFAULT_SERVICE_NAME) -> dict:
+            service_name: str = DEFAULT_SERVICE_NAME,
+            timeout: float | None = DEFAULT_TIMEOUT) -> dict:
     """The service's analysis of the PDF at `path`.
 
     currency: the default currency code when the document names none;
@@ -531,6 +596,6 @@ def analyze(path: str | os.PathLike, currency: str = "",
     datetime or None, "pages" as one str per page, the found elements as
     dicts with "$class", ...). Raises ServiceError with the service's message
     (e.g. "Could not open document"), ServiceNotReachable when the service
-    could not be reached.
+    could not be reached or did not answer within `timeout` seconds.
     """
-    return ServiceClient(service_name, executable).analyze(path, currency, taxes)
+    return ServiceClient(service_name, executable, timeout).analyze(path, currency, taxes)

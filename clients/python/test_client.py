@@ -177,7 +177,56 @@ class ServiceTest(unittest.TestCase):
         self.assertIn("error: Could not open document", outputs["call"][1])
 
 
+    def test_6_a_stopped_service_times_out(self):
+        pid = serving_pid(client.socket_path())
+        self.assertIsNotNone(pid)
+        os.kill(pid, signal.SIGSTOP)
+        try:
+            stopped = client.ServiceClient(executable=ARGS.service, timeout=0.5)
+            with self.assertRaises(client.ServiceNotReachable) as caught:
+                stopped.boot()
+            self.assertEqual("Service not reachable: The service did not answer within 0.5 s",
+                             caught.exception.message)
+            if ARGS.lmreceipt:
+                run = subprocess.run([ARGS.lmreceipt, "call", "--timeout", "0.5", "--format",
+                                      "summary", ARGS.sample],
+                                     capture_output=True, text=True, timeout=60)
+                self.assertEqual(1, run.returncode)
+                self.assertIn("error: Service not reachable: The service did not answer within "
+                              "0.5 s", run.stdout)
+        finally:
+            os.kill(pid, signal.SIGCONT)
+
+
 class UnreachableTest(unittest.TestCase):
+    def test_the_service_in_the_build_folder_is_found(self):
+        built = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)),
+                                              "..", "..", "build", "lmreceipt-service"))
+        if not os.path.exists(built):
+            self.skipTest("no build/ in this checkout")
+        saved = os.environ.pop("LM_SERVICE_DIR", None)
+        try:
+            self.assertEqual(built, client.find_service_executable())
+        finally:
+            if saved is not None:
+                os.environ["LM_SERVICE_DIR"] = saved
+
+    def test_a_socket_folder_others_may_enter_is_named(self):
+        name = f"lmreceipt-pytest-{os.getpid()}"
+        folder = f"/tmp/{name}-{os.geteuid()}"
+        saved = os.environ.pop("XDG_RUNTIME_DIR", None)
+        os.mkdir(folder, 0o755)
+        os.chmod(folder, 0o755)
+        try:
+            with self.assertRaises(client.ServiceNotReachable) as caught:
+                client.socket_path(name)
+            self.assertIn(f"{folder} has mode 0755, so others may enter it; run chmod 700",
+                          caught.exception.message)
+        finally:
+            os.rmdir(folder)
+            if saved is not None:
+                os.environ["XDG_RUNTIME_DIR"] = saved
+
     def test_a_service_that_cannot_start(self):
         runtime = tempfile.mkdtemp(prefix="lmreceipt-pytest-")
         saved = os.environ.get("XDG_RUNTIME_DIR")

@@ -1,0 +1,255 @@
+// The server in this process with test workers: the pool, the waits and
+// time limits it keeps, hang-ups, stopping and the idle exit.
+#include "service/server.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "kit/diagnostics.h"
+#include "kit/unicode.h"
+#include "service/transport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 20s;
+
+// Every worker waits at the gate, or, when `untilCancelled`, until its call
+// is cancelled (then it replies the cancellation's message). Counts how many
+// run at once and what cancelled them.
+struct Gate {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool open = false;
+  bool untilCancelled = false;
+  int workers = 0, running = 0, mostRunning = 0;
+  std::vector<std::u16string> cancelledWith;
+};
+
+class GateWorker : public LMXPCBaseWorker {
+ public:
+  explicit GateWorker(Gate& gate) : gate_(gate) {}
+  void work() override {
+    std::unique_lock<std::mutex> lock(gate_.mutex);
+    gate_.mostRunning = std::max(gate_.mostRunning, ++gate_.running);
+    gate_.changed.notify_all();
+    while (!gate_.open && !(gate_.untilCancelled && cancellation()->isCancelled())) {
+      gate_.changed.wait_for(lock, 5ms);
+    }
+    --gate_.running;
+    gate_.changed.notify_all();
+    if (cancellation()->isCancelled()) {
+      gate_.cancelledWith.push_back(cancellation()->message());
+      doneWithErrorMessage(cancellation()->message());
+      return;
+    }
+    doneWithResult(LMDictionary{{u"worker", gate_.workers}});
+  }
+
+ private:
+  Gate& gate_;
+};
+
+class ServerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    lmSetLogSink([](std::string_view) {});
+    char pattern[] = "/tmp/lmreceipt-test-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(pattern));
+    dir_ = pattern;
+    const char* saved = std::getenv("XDG_RUNTIME_DIR");
+    savedRuntime_ = saved ? std::optional<std::string>(saved) : std::nullopt;
+    setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
+  }
+  void TearDown() override {
+    openGate();
+    if (server_) server_->stop();
+    if (served_.valid()) served_.wait();
+    server_.reset();
+    if (savedRuntime_) setenv("XDG_RUNTIME_DIR", savedRuntime_->c_str(), 1);
+    else unsetenv("XDG_RUNTIME_DIR");
+    std::filesystem::remove_all(dir_);
+    lmSetLogSink({});
+  }
+
+  void start(LMServerOptions options) {
+    server_ = std::make_unique<LMServer>(
+        [this] {
+          std::lock_guard<std::mutex> lock(gate_.mutex);
+          ++gate_.workers;
+          return std::make_unique<GateWorker>(gate_);
+        },
+        options);
+    ASSERT_EQ(LMListener::Outcome::kListening, listener_.open("lmreceipt-test"));
+    path_ = listener_.path();
+    served_ = std::async(std::launch::async, [this] { return server_->serve(listener_); });
+  }
+  void openGate() {
+    std::lock_guard<std::mutex> lock(gate_.mutex);
+    gate_.open = true;
+    gate_.changed.notify_all();
+  }
+  bool waitForRunning(int count) {
+    std::unique_lock<std::mutex> lock(gate_.mutex);
+    return gate_.changed.wait_for(lock, kPatience, [&] { return gate_.running == count; });
+  }
+  int connect() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    return fd;
+  }
+  // Sends an empty request on a new connection.
+  int call() {
+    const int fd = connect();
+    const auto header = lmFrameHeader(kLMFrameRequest, 0);
+    EXPECT_EQ(16, write(fd, header.data(), header.size()));
+    return fd;
+  }
+  // The reply's error message; "result" for a result.
+  std::u16string reply(int fd) {
+    LMFrame frame;
+    const LMFrameStatus status = lmReadFrame(fd, std::chrono::steady_clock::now() + kPatience, &frame);
+    close(fd);
+    if (status != LMFrameStatus::kOk) return u"no reply";
+    if (frame.kind == kLMFrameResult) return u"result";
+    auto error = lmParseErrorPayload(frame.payload);
+    return error ? error->message : u"malformed error";
+  }
+
+  std::string dir_;
+  std::optional<std::string> savedRuntime_;
+  Gate gate_;
+  LMListener listener_;
+  std::unique_ptr<LMServer> server_;
+  std::future<bool> served_;
+  std::string path_;
+};
+
+TEST_F(ServerTest, CallsRunInParallelUpToTheWorkers) {
+  LMServerOptions options;
+  options.workers = 2;
+  start(options);
+  std::vector<int> fds = {call(), call(), call()};
+  ASSERT_TRUE(waitForRunning(2));
+  // The third waits for a worker while two run.
+  std::this_thread::sleep_for(200ms);
+  {
+    std::lock_guard<std::mutex> lock(gate_.mutex);
+    EXPECT_EQ(2, gate_.workers);
+  }
+  openGate();
+  for (int fd : fds) EXPECT_EQ(u"result", reply(fd));
+  EXPECT_EQ(3, gate_.workers);  // one worker per connection
+  EXPECT_EQ(2, gate_.mostRunning);
+}
+
+TEST_F(ServerTest, WaitsAndLimitsEndInAnErrorReply) {
+  struct Case {
+    const char* name;
+    LMServerOptions options;
+    bool clientLeaves;
+    std::u16string second;     // the reply of a second call while the first runs
+    std::u16string cancelled;  // the first call's cancellation
+  };
+  LMServerOptions busy, limited;
+  busy.workers = 1;
+  busy.busyWait = 100ms;
+  limited.callTimeLimit = 200ms;
+  const Case cases[] = {
+      {"every worker busy past the wait", busy, false, u"Service busy", u""},
+      {"over the call's time limit", limited, false, u"Call took longer than 0.2 s",
+       u"Call took longer than 0.2 s"},
+      {"the client hangs up", LMServerOptions{}, true, u"", u"The client went away"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    gate_.untilCancelled = true;
+    start(c.options);
+    const int first = call();
+    ASSERT_TRUE(waitForRunning(1));
+    if (c.clientLeaves) {
+      close(first);
+    } else if (c.second == u"Service busy") {
+      EXPECT_EQ(c.second, reply(call()));
+      openGate();
+      EXPECT_EQ(u"result", reply(first));
+    } else {
+      EXPECT_EQ(c.second, reply(first));
+    }
+    ASSERT_TRUE(waitForRunning(0));
+    {
+      std::lock_guard<std::mutex> lock(gate_.mutex);
+      const std::vector<std::u16string> expected =
+          c.cancelled.empty() ? std::vector<std::u16string>{} : std::vector{c.cancelled};
+      EXPECT_EQ(expected, gate_.cancelledWith);
+    }
+    TearDown();
+    gate_.open = false;
+    gate_.cancelledWith.clear();
+    SetUp();
+  }
+}
+
+TEST_F(ServerTest, StopLetsRunningCallsFinishWithinTheGrace) {
+  struct Case {
+    const char* name;
+    bool finishes;  // the call ends within the grace time
+    std::u16string reply;
+  } cases[] = {
+      {"finishes in time", true, u"result"},
+      {"still running after the grace", false, u"Service is stopping"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    gate_.untilCancelled = true;
+    LMServerOptions options;
+    options.stopGrace = 300ms;
+    start(options);
+    const int fd = call();
+    ASSERT_TRUE(waitForRunning(1));
+    server_->stop();
+    // The socket goes at once, while the call still runs.
+    for (auto end = std::chrono::steady_clock::now() + kPatience;
+         access(path_.c_str(), F_OK) == 0 && std::chrono::steady_clock::now() < end;) {
+      std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_NE(0, access(path_.c_str(), F_OK));
+    if (c.finishes) openGate();
+    EXPECT_EQ(c.reply, reply(fd));
+    ASSERT_EQ(std::future_status::ready, served_.wait_for(kPatience));
+    EXPECT_TRUE(served_.get());
+    TearDown();
+    gate_.open = false;
+    SetUp();
+  }
+}
+
+TEST_F(ServerTest, StuckClientIsCutOffAndIdleServerLeaves) {
+  LMServerOptions options;
+  options.requestTimeout = 200ms;
+  options.idleTimeout = 500ms;
+  start(options);
+  const int fd = connect();
+  ASSERT_EQ(5, write(fd, "LMXP\x01", 5));
+  EXPECT_EQ(u"Request timed out", reply(fd));
+
+  ASSERT_EQ(std::future_status::ready, served_.wait_for(kPatience));
+  EXPECT_NE(0, access(path_.c_str(), F_OK));
+  // The lock is free for the next service.
+  LMListener next;
+  EXPECT_EQ(LMListener::Outcome::kListening, next.open("lmreceipt-test"));
+}
+
+}  // namespace

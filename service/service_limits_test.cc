@@ -1,0 +1,201 @@
+// The real service executable under pressure: idle connections, a busy
+// pool, calls over their time limit, signals during calls, a stopped
+// service and a socket folder someone else made.
+#include <poll.h>
+
+#include <future>
+
+#include "service/service_test_harness.h"
+#include "service/xpc_client.h"
+
+namespace {
+
+using namespace lm_test;
+
+// Sends `bytes` on a new connection and leaves it open for the reply.
+int sendOnly(const std::string& path, const Bytes& bytes) {
+  const int fd = connectTo(path);
+  if (fd >= 0) {
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+  }
+  return fd;
+}
+
+Reply replyOn(int fd) {
+  Reply reply = readReply(fd);
+  close(fd);
+  return reply;
+}
+
+class ServiceLimitsTest : public ServiceHarness {
+ protected:
+  // Starts the service with `env` and waits for its socket.
+  pid_t serve(std::vector<std::string> env = {}) {
+    const pid_t pid = start(std::move(env));
+    EXPECT_TRUE(waitForSocket(pid, socketPath_)) << log();
+    return pid;
+  }
+  // A call that takes a second (200 pages) or more, sent; its worker has started.
+  int slowCall(size_t logFrom = 0, int pages = 600) {
+    const int fd = sendOnly(socketPath_, requestFrame(LMDictionary{{u"data", slowPdf(pages)}}));
+    EXPECT_TRUE(waitForLog("==> XPC work on task", logFrom)) << log();
+    return fd;
+  }
+};
+
+TEST_F(ServiceLimitsTest, ACallIsAnsweredWhileManyIdleConnectionsAreOpen) {
+  serve();
+  std::vector<int> idle;
+  for (int i = 0; i < 130; ++i) {
+    idle.push_back(connectTo(socketPath_));
+    ASSERT_GE(idle.back(), 0) << i;
+  }
+  expectServing(socketPath_);
+  // Answered before any idle connection was cut off (after 5 s).
+  for (int fd : idle) {
+    pollfd p{fd, POLLIN, 0};
+    ASSERT_EQ(0, poll(&p, 1, 0)) << "an idle connection was closed before the call was answered";
+  }
+  // Each is answered once its time to send a request is over.
+  for (int fd : idle) {
+    const Reply reply = replyOn(fd);
+    ASSERT_EQ("", reply.problem);
+    EXPECT_EQ(u"Request timed out", reply.message);
+  }
+}
+
+TEST_F(ServiceLimitsTest, LimitsEndInAnErrorReply) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> env;
+    std::u16string slowReply;  // "": the second call's reply is checked
+    std::u16string secondReply;
+  } cases[] = {
+      {"over the call's time limit", {"LM_CALL_TIME_LIMIT=1", "LM_STOP_GRACE=1"}, u"Call took longer than 1 s", u""},
+      {"every worker busy past the wait", {"LM_WORKERS=1", "LM_BUSY_WAIT=0.2", "LM_STOP_GRACE=1"}, u"", u"Service busy"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const pid_t pid = serve(c.env);
+    // While the only worker is busy with the slow call (which must come to
+    // its end here: nothing else would free that worker).
+    const int slow = slowCall(0, c.secondReply.empty() ? 600 : 200);
+    if (!c.secondReply.empty()) {
+      const Reply second = callRaw(socketPath_, requestFrame(LMDictionary{{u"data", fixture("sample-receipt.pdf")}}));
+      ASSERT_EQ("", second.problem);
+      EXPECT_EQ(c.secondReply, second.message);
+    }
+    const Reply reply = replyOn(slow);
+    ASSERT_EQ("", reply.problem);
+    if (!c.slowReply.empty()) {
+      EXPECT_EQ(c.slowReply, reply.message);
+    }
+    // Still serving (the warm-up call: an analysis may not fit a short limit
+    // while the slow one goes on under the sanitizers).
+    const Reply boot = callRaw(socketPath_, requestFrame(LMDictionary{{u"__boot", true}}));
+    ASSERT_EQ("", boot.problem);
+    EXPECT_EQ(u"success", boot.result.at(u"boot").toString());
+    waitForExit(pid, true);
+    std::erase(pids_, pid);
+  }
+}
+
+TEST_F(ServiceLimitsTest, SignalsRemoveTheSocketAndAReplacementTakesOver) {
+  struct Case {
+    const char* name;
+    int signal;
+    bool duringACall;
+  } cases[] = {
+      {"SIGTERM while idle", SIGTERM, false},
+      {"SIGTERM during a call", SIGTERM, true},
+      {"SIGINT during a call", SIGINT, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const pid_t pid = serve({"LM_STOP_GRACE=1"});
+    const int slow = c.duringACall ? slowCall(log().size()) : -1;
+    ASSERT_EQ(0, kill(pid, c.signal));
+    // The socket goes at once, also while the call runs.
+    for (auto end = std::chrono::steady_clock::now() + kPatience;
+         access(socketPath_.c_str(), F_OK) == 0 && std::chrono::steady_clock::now() < end;) {
+      std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_NE(0, access(socketPath_.c_str(), F_OK));
+    // A new service takes the name while the old one still ends.
+    const pid_t next = serve();
+    expectServing(socketPath_);
+    if (slow >= 0) {
+      const Reply reply = replyOn(slow);
+      ASSERT_EQ("", reply.problem);
+      if (reply.kind == kLMFrameError) {
+        EXPECT_EQ(u"Service is stopping", reply.message);
+      }
+    }
+    const int status = waitForExit(pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    std::erase(pids_, pid);
+    waitForExit(next, true);
+    std::erase(pids_, next);
+  }
+}
+
+TEST_F(ServiceLimitsTest, AStoppedServiceGivesTheClientATimeoutError) {
+  const pid_t pid = serve();
+  ASSERT_EQ(0, kill(pid, SIGSTOP));
+  const char* saved = std::getenv("XDG_RUNTIME_DIR");
+  const std::optional<std::string> runtime = saved ? std::optional<std::string>(saved) : std::nullopt;
+  setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
+  {
+    LMXPC client("lmreceipt-service", lmServiceCall, 500ms);
+    std::optional<LMXPCError> error;
+    // The warm-up call and this one share the time: both end after about 0.5 s.
+    client.performXPCSynchronousWithObject(
+        LMDictionary{{u"data", fixture("sample-receipt.pdf")}},
+        [&](const LMValue&, const std::optional<LMXPCError>& e) { error = e; });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(u"Service not reachable: The service did not answer within 0.5 s", error->message);
+  }
+  if (runtime) {
+    setenv("XDG_RUNTIME_DIR", runtime->c_str(), 1);
+  } else {
+    unsetenv("XDG_RUNTIME_DIR");
+  }
+  kill(pid, SIGCONT);
+}
+
+TEST_F(ServiceLimitsTest, ASocketFolderSomeoneElseMadeIsNamedWithTheFix) {
+  // A name of its own, so that the folder in /tmp is this test's.
+  const std::string name = "lmreceipt-test-" + std::to_string(getpid());
+  const std::string executable = dir_ + "/" + name;
+  ASSERT_EQ(0, symlink(LM_SERVICE_EXECUTABLE, executable.c_str()));
+  const std::string folder = "/tmp/" + name + "-" + std::to_string(geteuid());
+  struct Case {
+    const char* name;
+    mode_t mode;
+    bool otherOwner;
+    std::string expected;
+  } cases[] = {
+      {"others may enter", 0755, false, "has mode 0755, so others may enter it; run chmod 700 " + folder},
+      {"another user's", 0700, true, "belongs to user 65534, not to you"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.otherOwner && geteuid() != 0) continue;  // only root can give it away
+    ASSERT_EQ(0, mkdir(folder.c_str(), c.mode));
+    chmod(folder.c_str(), c.mode);
+    if (c.otherOwner) {
+      ASSERT_EQ(0, chown(folder.c_str(), 65534, 65534));
+    }
+    const size_t logFrom = log().size();
+    const pid_t pid = start({"XDG_RUNTIME_DIR"}, -1, executable);
+    const int status = waitForExit(pid);
+    std::erase(pids_, pid);
+    rmdir(folder.c_str());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    const std::string text = log().substr(logFrom);
+    EXPECT_NE(std::string::npos, text.find(folder)) << text;
+    EXPECT_NE(std::string::npos, text.find(c.expected)) << text;
+  }
+}
+
+}  // namespace
