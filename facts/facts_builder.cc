@@ -66,8 +66,8 @@ LMFacts lmBuildFacts(const LMFactsRequest& request, const LMReceiptParser* parse
     facts = text;
     facts.eInvoice = einvoice.eInvoice;
   } else if (usable) {
+    // The text's own checks speak of the text's values, not of these.
     facts = einvoice;
-    for (const LMFactsCheck& c : text.checks) facts.checks.push_back(c);
   } else {
     // "e-invoice" asked for and none usable: every value stays null.
     facts.checks = text.checks;

@@ -521,11 +521,16 @@ class ServiceClient:
         return self.call({"__boot": True})
 
     def analyze(self, path: str | os.PathLike, currency: str = "",
-                taxes: Iterable[int | float | decimal.Decimal] = ()) -> dict:
-        """The analysis of the PDF at `path` (see the module's analyze)."""
+                taxes: Iterable[int | float | decimal.Decimal] = (),
+                facts: bool = False, facts_from: str = "best") -> dict:
+        """The analysis of the PDF (or, with facts, e-invoice XML) at `path`
+        (see the module's analyze)."""
         with open(path, "rb") as f:
             data = f.read()
-        result = self.call({"data": data, "currency": currency, "taxes": list(taxes)})
+        task = {"data": data, "currency": currency, "taxes": list(taxes)}
+        if facts:
+            task.update({"facts": True, "factsFrom": facts_from})
+        result = self.call(task)
         if not isinstance(result, dict):
             raise ServiceError("No result")
         return result
@@ -587,15 +592,20 @@ def analyze(path: str | os.PathLike, currency: str = "",
             taxes: Iterable[int | float | decimal.Decimal] = (), *,
             executable: str | None = None,
             service_name: str = DEFAULT_SERVICE_NAME,
-            timeout: float | None = DEFAULT_TIMEOUT) -> dict:
+            timeout: float | None = DEFAULT_TIMEOUT,
+            facts: bool = False, facts_from: str = "best") -> dict:
     """The service's analysis of the PDF at `path`.
 
     currency: the default currency code when the document names none;
-    taxes: the tax rates in percent that apply. Returns the result dict
+    taxes: the tax rates in percent that apply; facts: also the "facts"
+    answer (docs/facts.md: money as Decimal, dates as "YYYY-MM-DD"), from
+    facts_from "best", "text" or "e-invoice"; with facts, `path` may also be
+    e-invoice XML. Returns the result dict
     ("gross", "net", "tax" as Decimal or None, "currency", "date" as a UTC
     datetime or None, "pages" as one str per page, the found elements as
     dicts with "$class", ...). Raises ServiceError with the service's message
     (e.g. "Could not open document"), ServiceNotReachable when the service
     could not be reached or did not answer within `timeout` seconds.
     """
-    return ServiceClient(service_name, executable, timeout).analyze(path, currency, taxes)
+    return ServiceClient(service_name, executable, timeout).analyze(
+        path, currency, taxes, facts, facts_from)

@@ -141,6 +141,15 @@ class ServiceTest(unittest.TestCase):
         self.assertTrue(numbers)
         self.assertTrue(all(n["$class"] == "LMFoundNumber" for n in numbers))
         self.assertIn(1530, [n["value"] for n in numbers])
+        self.assertNotIn("facts", result)
+
+    def test_2b_facts_come_as_decimals_and_days(self):
+        facts = self.client.analyze(ARGS.sample, facts=True)["facts"]
+        self.assertEqual(("text", decimal.Decimal("15.3"), "EUR", "2026-11-14"),
+                         (facts["source"], facts["gross"], facts["currency"], facts["issueDate"]))
+        with self.assertRaises(client.ServiceError) as caught:
+            self.client.analyze(ARGS.sample, facts=True, facts_from="pdf")
+        self.assertIn("factsFrom", str(caught.exception))
 
     def test_3_garbage_gets_the_service_error(self):
         with tempfile.NamedTemporaryFile(suffix=".pdf") as garbage:
