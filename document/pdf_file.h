@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "kit/cancellation.h"
+#include "kit/limits.h"
 #include "kit/rect.h"
 #include "kit/text_range.h"
 #include "kit/value.h"
@@ -86,10 +88,27 @@ class LMPdfFile {
   // The whole document's text: the pages' strings joined with "\n";
   // nullopt when no page has text.
   virtual std::optional<std::u16string> string() const = 0;
+  // The first bound of the open options' limits this document ran into, as
+  // the call's error message (lmLimitMessage); nullopt while none. The page
+  // count is checked on opening, a page's characters and the memory while
+  // the page is read, the document's characters as pages are read. Once a
+  // bound is hit, and once the call is cancelled, pages not read yet have no
+  // text, so that nothing more is spent on the document.
+  virtual std::optional<std::u16string> limitExceeded() const { return std::nullopt; }
+};
+
+struct LMPdfOpenOptions {
+  LMAnalysisLimits limits;
+  // Raised when the call's answer is no longer wanted: a page being read
+  // stops at once, later pages are not read. May be null.
+  std::shared_ptr<LMCancellation> cancellation;
 };
 
 // Opens PDF bytes with MuPDF. Null for bytes that are no readable PDF (an
 // empty buffer included). Damaged files that MuPDF can repair are opened.
 // MuPDF's warnings and errors go to the log; nothing is written elsewhere and
-// nothing is thrown. The bytes are copied; the caller may free them.
-std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes);
+// nothing is thrown. The bytes are copied; the caller may free them. A file
+// that MuPDF cannot open within options.limits.maxPdfLibraryBytes is null
+// too.
+std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes,
+                                         const LMPdfOpenOptions& options = {});
