@@ -5,6 +5,7 @@
 #include "analysis/receipt_parser.h"
 #include "document/pdf_document.h"
 #include "document/receipt_document.h"
+#include "kit/limits.h"
 
 void LMXPCWorker::work() {
   const LMValue* data = (*this)[u"data"];
@@ -14,9 +15,25 @@ void LMXPCWorker::work() {
   }
   const LMData* bytes = data->asData();
   if (!bytes) throw std::invalid_argument("data must be the bytes of a PDF file");
-  std::shared_ptr<LMPDFDocument> pdf = LMPDFDocument::initWithData(*bytes);
+  if (bytes->size() > limits_.maxPdfBytes) {
+    doneWithErrorMessage(
+        lmLimitMessage(static_cast<int64_t>(limits_.maxPdfBytes >> 20), u"MB of PDF"));
+    return;
+  }
+  if (cancellation()->isCancelled()) {
+    doneWithErrorMessage(cancellation()->message());
+    return;
+  }
+  LMPdfOpenOptions options;
+  options.limits = limits_;
+  options.cancellation = cancellation();
+  std::shared_ptr<LMPDFDocument> pdf = LMPDFDocument::initWithData(*bytes, options);
   if (!pdf) {
     doneWithErrorMessage(u"Could not open document");
+    return;
+  }
+  if (auto exceeded = pdf->limitExceeded()) {
+    doneWithErrorMessage(*exceeded);
     return;
   }
   auto document = std::make_shared<LMReceiptDocument>(pdf);
@@ -28,10 +45,19 @@ void LMXPCWorker::work() {
   parser.setDefaultCurrency(currency ? *currency : LMValue(u""));
   const LMValue* taxes = (*this)[u"taxes"];
   parser.setTaxes(taxes ? *taxes : LMValue(LMArray()));
-  parser.work();
+  parser.setLimits(limits_);
+  parser.setCancellation(cancellation().get());
+  if (!parser.work()) {
+    doneWithErrorMessage(parser.stopReason());
+    return;
+  }
 
   LMArray pages;
   for (int64_t i = 0; i < pdf->pageCount(); ++i) {
+    if (cancellation()->isCancelled()) {
+      doneWithErrorMessage(cancellation()->message());
+      return;
+    }
     auto page = pdf->pageAtIndex(i);
     if (page && page->attributedString().length() > 0) {
       pages.emplace_back(page->attributedString());
@@ -45,8 +71,13 @@ void LMXPCWorker::work() {
 }
 
 LMXPCReply lmPerformReceiptTask(const LMDictionary& task) {
+  return lmPerformReceiptTask(LMDictionary(task));
+}
+
+LMXPCReply lmPerformReceiptTask(LMDictionary&& task) {
   LMXPCWorker worker;
   LMXPCReply reply;
-  worker.performWithObject(LMValue(task), [&reply](LMXPCReply r) { reply = std::move(r); });
+  worker.performWithObject(LMValue(std::move(task)),
+                           [&reply](LMXPCReply r) { reply = std::move(r); });
   return reply;
 }
