@@ -34,10 +34,7 @@ struct PageContext {
   bool letter;
   bool landscape;
 
-  // Only numbers carry their diagnostic dictionary into the result, so only
-  // they get one (`withDebugInfo`): a dictionary costs about as much as the
-  // rest of an element.
-  void setUp(LMFoundElement& e, LMTextRange range, bool withDebugInfo = false) const {
+  void setUp(LMFoundElement& e, LMTextRange range) const {
     std::optional<LMPdfFont> font;
     if (pdfPage) font = pdfPage->fontAtIndex(range.location);
     if (range.fitsIn(normalized->size())) {
@@ -53,7 +50,6 @@ struct PageContext {
     e.setBold(e.weightOfFont() > 7);
     e.setFontSize(font ? font->size : 0);
     e.setPageBox(pageBox);
-    if (withDebugInfo) e.setDebugInfo(*e.jsonObject().asDictionary());
   }
 };
 
@@ -262,7 +258,10 @@ void LMReceiptParser::parseElements() {
           auto n = std::make_shared<LMFoundNumber>(amount, static_cast<uint64_t>(places));
           n->setNumberString(matchedText(text, range));
           n->setFeatures(info);
-          context.setUp(*n, range, true);
+          context.setUp(*n, range);
+          // Only numbers carry their diagnostic notes into the result, so
+          // only they keep them.
+          n->keepDebugInfo();
           numbers.push_back(n);
         });
   }
