@@ -60,6 +60,11 @@ class LMPdfFilePage {
   // string() with runs of font attributes (kLMPdfFontNameAttribute: text,
   // kLMPdfFontSizeAttribute: double); empty when the page has no text.
   virtual const LMAttributedString& attributedString() const = 0;
+  // attributedString() as a value to keep beyond the page; shared with the
+  // page where the adapter can, so that it is not copied.
+  virtual LMAttributedStringRef sharedAttributedString() const {
+    return LMAttributedStringRef{std::make_shared<const LMAttributedString>(attributedString())};
+  }
   // The lines of string(), in reading order.
   virtual const std::vector<LMPdfTextLine>& lines() const = 0;
   // The rectangle enclosing the characters of `range`: the zero rectangle
@@ -79,8 +84,9 @@ class LMPdfFile {
 
   virtual int64_t pageCount() const = 0;
   // Page `index`, or null when the index is out of range or the page cannot
-  // be read. A file of up to 64 pages keeps every page it made; a longer one
-  // keeps a page only while a caller holds it, and makes it again later.
+  // be read. A file of up to 64 pages keeps the pages it made until their
+  // texts reach 500,000 characters; a longer or fuller one keeps a page only
+  // while a caller holds it, and makes it again later.
   virtual std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const = 0;
   // The document information's Creator and Producer; nullopt when absent.
   virtual std::optional<std::u16string> creator() const = 0;

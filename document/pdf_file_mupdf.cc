@@ -40,8 +40,11 @@ namespace {
 // plenty.
 constexpr size_t kStoreSize = 64u << 20;
 
-// A file of up to this many pages keeps every page it made.
+// A file of up to this many pages keeps the pages it made while their texts
+// stay below kKeptCharacters; beyond either, a page is kept only while a
+// caller holds it.
 constexpr size_t kPagesAlwaysKept = 64;
+constexpr int64_t kKeptCharacters = 500000;
 
 // MuPDF's allocator for one document: counts what MuPDF holds and refuses
 // what would go beyond the limit. MuPDF answers a refusal by emptying its
@@ -460,6 +463,9 @@ class MuPdfDocument {
   // Nothing more is read once a bound is hit or the call is cancelled.
   bool stopped() const { return limitExceeded_ || lmIsCancelled(cancellation_.get()); }
 
+  // The characters of the pages read so far, each page counted once.
+  int64_t charactersRead() const { return documentUnits_; }
+
   // Adds a page's text the first time that page is read (a long document
   // reads a page again after dropping it); false once the document's text
   // goes beyond its bound.
@@ -513,11 +519,15 @@ class MuPdfPage final : public LMPdfFilePage {
 
   const std::u16string& string() const override {
     extract();
-    return text_.string;
+    return text_->string;
   }
   const LMAttributedString& attributedString() const override {
     extract();
-    return text_;
+    return *text_;
+  }
+  LMAttributedStringRef sharedAttributedString() const override {
+    extract();
+    return LMAttributedStringRef{text_};
   }
   const std::vector<LMPdfTextLine>& lines() const override {
     extract();
@@ -607,7 +617,7 @@ class MuPdfPage final : public LMPdfFilePage {
           static_cast<int64_t>(limits.maxPdfLibraryBytes >> 20), u"MB of memory to read page " + page));
     } else if (!withinPage) {
       document_->exceed(lmLimitMessage(limits.maxPageCharacters, u"characters on page " + page));
-    } else if (!document_->chargePage(index_, static_cast<int64_t>(text_.string.size()))) {
+    } else if (!document_->chargePage(index_, static_cast<int64_t>(text_->string.size()))) {
       document_->exceed(lmLimitMessage(limits.maxDocumentCharacters, u"characters in the document"));
     } else {
       return;
@@ -616,7 +626,7 @@ class MuPdfPage final : public LMPdfFilePage {
   }
 
   void clearText() const {
-    text_ = LMAttributedString();
+    text_ = std::make_shared<LMAttributedString>();
     lines_ = {};
     chars_ = {};
     fonts_ = {};
@@ -626,7 +636,7 @@ class MuPdfPage final : public LMPdfFilePage {
   // False, with the model half built, as soon as the text grows beyond
   // `maxUnits`.
   bool build(fz_context* ctx, fz_stext_page* text, int64_t maxUnits) const {
-    std::u16string& string = text_.string;
+    std::u16string& string = text_->string;
     std::map<std::pair<std::u16string, double>, uint32_t> fontIndex;
     fz_font* lastFont = nullptr;
     float lastSize = -1;
@@ -676,7 +686,7 @@ class MuPdfPage final : public LMPdfFilePage {
       const int32_t c = unitChars_[i];
       uint64_t end = i + 1;
       if (c == kLineBreak) {
-        text_.runs.push_back(LMAttributeRun{LMTextRange::make(i, 1), LMDictionary()});
+        text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, 1), LMDictionary()});
         i = end;
         continue;
       }
@@ -688,7 +698,7 @@ class MuPdfPage final : public LMPdfFilePage {
       LMDictionary attributes;
       attributes.set(kLMPdfFontNameAttribute, LMValue(fonts_[font].name));
       attributes.set(kLMPdfFontSizeAttribute, LMValue(fonts_[font].size));
-      text_.runs.push_back(LMAttributeRun{LMTextRange::make(i, end - i), std::move(attributes)});
+      text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, end - i), std::move(attributes)});
       i = end;
     }
   }
@@ -701,7 +711,8 @@ class MuPdfPage final : public LMPdfFilePage {
 
   // The text model, built on first use (one thread uses a page at a time).
   mutable bool extracted_ = false;
-  mutable LMAttributedString text_;
+  // Shared with whoever keeps the page's text beyond the page.
+  mutable std::shared_ptr<LMAttributedString> text_ = std::make_shared<LMAttributedString>();
   mutable std::vector<LMPdfTextLine> lines_;
   mutable std::vector<Char> chars_;
   mutable std::vector<LMPdfFont> fonts_;
@@ -743,7 +754,7 @@ class MuPdfFile final : public LMPdfFile {
     // Short documents keep every page, so that asking again costs nothing.
     // Long ones keep a page only while someone holds it, so that memory
     // follows the pages in use rather than the page count.
-    if (pages_.size() <= kPagesAlwaysKept) {
+    if (pages_.size() <= kPagesAlwaysKept && document_->charactersRead() < kKeptCharacters) {
       pages_[i] = made;
     } else {
       weakPages_[i] = made;

@@ -15,13 +15,13 @@
 
 struct LMAnalysisLimits {
   // Bytes of one PDF (the command line's input file, the task's "data").
-  size_t maxPdfBytes = 128u << 20;
+  size_t maxPdfBytes = 64u << 20;
   // Pages of a document, checked when it is opened.
   int64_t maxPages = 5000;
   // UTF-16 units of one page's text (its lines and the breaks between them).
   int64_t maxPageCharacters = 200000;
   // UTF-16 units of the whole document's text.
-  int64_t maxDocumentCharacters = 6000000;
+  int64_t maxDocumentCharacters = 2000000;
   // Found elements (amounts, dates, terms, currency mentions) on one page and
   // in the whole document.
   int64_t maxPageElements = 2000;

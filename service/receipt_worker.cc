@@ -60,7 +60,7 @@ void LMXPCWorker::work() {
     }
     auto page = pdf->pageAtIndex(i);
     if (page && page->attributedString().length() > 0) {
-      pages.emplace_back(page->attributedString());
+      pages.emplace_back(page->sharedAttributedString());
     } else {
       pages.emplace_back(LMAttributedString());
     }
