@@ -96,10 +96,12 @@ class LMPdfFile {
   virtual std::optional<std::u16string> string() const = 0;
   // The first bound of the open options' limits this document ran into, as
   // the call's error message (lmLimitMessage); nullopt while none. The page
-  // count is checked on opening, a page's characters and the memory while
-  // the page is read, the document's characters as pages are read. Once a
-  // bound is hit, and once the call is cancelled, pages not read yet have no
-  // text, so that nothing more is spent on the document.
+  // count is checked on opening (a file with too many has no pages), a
+  // page's characters and the memory while the page is read, the document's
+  // characters as pages are read. The page that went beyond a bound keeps no
+  // text; once a bound is hit, and once the call is cancelled, pages not
+  // read yet have no text either, so that nothing more is spent on the
+  // document.
   virtual std::optional<std::u16string> limitExceeded() const { return std::nullopt; }
 };
 

@@ -65,6 +65,12 @@ void LMXPCWorker::work() {
       pages.emplace_back(LMAttributedString());
     }
   }
+  // Reading a long document's pages once more can still run into MuPDF's
+  // memory bound.
+  if (auto exceeded = pdf->limitExceeded()) {
+    doneWithErrorMessage(*exceeded);
+    return;
+  }
   LMDictionary result = parser.result();
   result.set(u"pages", std::move(pages));
   doneWithResult(std::move(result));
