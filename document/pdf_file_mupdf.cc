@@ -265,20 +265,6 @@ int countPages(fz_context* ctx, pdf_document* doc) {
   return count;
 }
 
-// Caches the page tree's page list, so that loading page n costs no walk
-// over the n pages before it (a flat tree of thousands of pages made
-// reading every page quadratic). True when it must be dropped again.
-bool cachePageTree(fz_context* ctx, pdf_document* doc) {
-  bool cached = false;
-  fz_var(cached);
-  fz_try(ctx) {
-    pdf_load_page_tree(ctx, doc);
-    cached = true;
-  }
-  fz_catch(ctx) { cached = false; }
-  return cached;
-}
-
 // The Info dictionary's text entry `key` as UTF-8, owned by the document;
 // null when absent or not a string.
 const char* infoText(fz_context* ctx, pdf_document* doc, pdf_obj* key) {
@@ -420,7 +406,6 @@ class MuPdfDocument {
   MuPdfDocument& operator=(const MuPdfDocument&) = delete;
   ~MuPdfDocument() {
     if (ctx_) {
-      if (pageTreeCached_) pdf_drop_page_tree(ctx_, doc_);
       pdf_drop_document(ctx_, doc_);
       fz_flush_warnings(ctx_);
       fz_drop_context(ctx_);
@@ -449,7 +434,6 @@ class MuPdfDocument {
   fz_context* ctx() const { return ctx_; }
   pdf_document* doc() const { return doc_; }
   void setDoc(pdf_document* doc) { doc_ = doc; }
-  void setPageTreeCached() { pageTreeCached_ = true; }
 
   const LMAnalysisLimits& limits() const { return limits_; }
   LMCancellation* cancellation() const { return cancellation_.get(); }
@@ -494,7 +478,6 @@ class MuPdfDocument {
   int64_t documentUnits_ = 0;
   fz_context* ctx_ = nullptr;
   pdf_document* doc_ = nullptr;
-  bool pageTreeCached_ = false;
   MessageCollector messages_;
 };
 
@@ -812,9 +795,11 @@ std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes,
     document->exceed(lmLimitMessage(options.limits.maxPages, u"pages"));
     pageCount = 0;
   }
-  if (pageCount > static_cast<int>(kPagesAlwaysKept) && cachePageTree(ctx, document->doc())) {
-    document->setPageTreeCached();
-  }
+  // MuPDF finds page n of a flat page tree by walking the n pages before it,
+  // so reading every page of such a tree is quadratic (5,000 pages: about
+  // 3 s here); the page bound bounds it. Its cached page list
+  // (pdf_load_page_tree) would make it linear but leaks every page object it
+  // hands out in this version.
   auto creator = optionalText(infoText(ctx, document->doc(), PDF_NAME(Creator)));
   auto producer = optionalText(infoText(ctx, document->doc(), PDF_NAME(Producer)));
   return std::make_shared<MuPdfFile>(std::move(document), pageCount, std::move(creator),
