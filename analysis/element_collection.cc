@@ -8,6 +8,7 @@
 #include "document/receipt_document.h"
 #include "document/text_normalization.h"
 #include "kit/strings.h"
+#include "kit/unicode.h"
 #include "recognizers/amount_recognizer.h"
 #include "recognizers/bank_recognizer.h"
 #include "recognizers/currency_recognizer.h"
@@ -49,31 +50,64 @@ struct PageContext {
     e.setBold(e.weightOfFont() > 7);
     e.setFontSize(font ? font->size : 0);
     e.setPageBox(pageBox);
-    e.setDebugInfo(*e.jsonObject().asDictionary());
   }
 };
 
 // The character ranges of the dates collected so far, over all pages, for
-// the overlap test of amounts; answers in logarithmic time.
+// the overlap test of amounts; answers in logarithmic time however many
+// ranges share their positions.
 class DateRanges {
  public:
   void add(LMTextRange r) {
     if (r.length == 0) return;
-    starts_.emplace(r.location, r.end());
-    longest_ = std::max(longest_, r.length);
+    // Only the ranges whose end no range starting at or before them reaches
+    // are kept, so that the kept ends grow with the starts.
+    auto next = ends_.upper_bound(r.location);
+    if (next != ends_.begin() && std::prev(next)->second >= r.end()) return;
+    while (next != ends_.end() && next->second <= r.end()) next = ends_.erase(next);
+    ends_[r.location] = r.end();
   }
+  // Whether a range starting before r's end ends after r's start.
   bool overlaps(LMTextRange r) const {
-    if (r.length == 0 || starts_.empty()) return false;
-    const uint64_t from = r.location > longest_ ? r.location - longest_ : 0;
-    for (auto it = starts_.lower_bound(from); it != starts_.end() && it->first < r.end(); ++it) {
-      if (it->second > r.location) return true;
-    }
-    return false;
+    if (r.length == 0) return false;
+    auto last = ends_.lower_bound(r.end());
+    return last != ends_.begin() && std::prev(last)->second > r.location;
   }
 
  private:
-  std::multimap<uint64_t, uint64_t> starts_;  // location -> end
-  uint64_t longest_ = 0;
+  std::map<uint64_t, uint64_t> ends_;  // location -> end, both growing
+};
+
+// Counts the found elements of the page in progress and of the document
+// against their bounds.
+class ElementCount {
+ public:
+  explicit ElementCount(const LMAnalysisLimits& limits) : limits_(limits) {}
+
+  void startPage(int64_t index) {
+    page_ = index;
+    onPage_ = 0;
+  }
+  // False, with the bound's message kept, when one more element goes beyond
+  // a bound.
+  bool take() {
+    if (!exceeded_.empty()) return false;
+    if (++onPage_ > limits_.maxPageElements) {
+      exceeded_ = lmLimitMessage(limits_.maxPageElements,
+                                 u"found elements on page " + lmUtf16(std::to_string(page_ + 1)));
+    } else if (++total_ > limits_.maxDocumentElements) {
+      exceeded_ = lmLimitMessage(limits_.maxDocumentElements, u"found elements in the document");
+    }
+    return exceeded_.empty();
+  }
+  const std::u16string& exceeded() const { return exceeded_; }
+
+ private:
+  const LMAnalysisLimits& limits_;
+  int64_t page_ = 0;
+  int64_t onPage_ = 0;
+  int64_t total_ = 0;
+  std::u16string exceeded_;
 };
 
 std::u16string matchedText(std::u16string_view text, LMTextRange range) {
@@ -92,16 +126,25 @@ void LMReceiptParser::parseElements() {
   Elements currencyFindings;
   Terms termFindings;
   Terms termTaxFindings;
+  ElementCount count(limits_);
   if (!content_) content_ = std::u16string();
 
   const int64_t pageCount = doc_ ? doc_->pageCount() : 0;
-  for (int64_t i = 0; i < pageCount; ++i) {
+  // Between the recognizers: the bounds and the call's cancellation.
+  auto stop = [&] {
+    if (stopReason_.empty()) stopReason_ = count.exceeded();
+    return stopped();
+  };
+  for (int64_t i = 0; i < pageCount && !stop(); ++i) {
     std::shared_ptr<const LMPdfFilePage> pdfPage = doc_->pdfDoc()->pageAtIndex(i);
     const LMPDFPage page(pdfPage, i);
     content_->append(page.string());
 
-    const LMAttributedString* attributed = doc_->attributedStringForPage(i);
+    // The adapter's page text itself, not the document's copy of it, so that
+    // only the page in progress is held.
+    const LMAttributedString* attributed = pdfPage ? &pdfPage->attributedString() : nullptr;
     if (!attributed || attributed->length() == 0) continue;
+    count.startPage(i);
     if (page.isLetter()) letter_ = true;
     if (page.isLandscape()) landscape_ = true;
 
@@ -114,6 +157,7 @@ void LMReceiptParser::parseElements() {
     currencies.findInText(
         normalized, ocr_,
         [&](std::u16string_view, LMTextRange range, const std::u16string* code) {
+          if (!count.take()) return;
           auto e = std::make_shared<LMFoundElement>();
           if (code) e->setKey(*code);
           context.setUp(*e, range);
@@ -123,7 +167,9 @@ void LMReceiptParser::parseElements() {
     currency_ = currencies.currencyCode() ? LMValue(*currencies.currencyCode()) : LMValue();
 
     auto termBlock = [&](Terms& into) {
-      return [&context, &into](std::u16string_view, LMTextRange range, const LMDictionary& info) {
+      return [&context, &into, &count](std::u16string_view, LMTextRange range,
+                                       const LMDictionary& info) {
+        if (!count.take()) return;
         auto t = std::make_shared<LMFoundTerm>();
         t->setKey(info.at(u"key").toString());
         t->setTermInfo(LMValue(info));
@@ -133,6 +179,7 @@ void LMReceiptParser::parseElements() {
     };
     LMReceiptParserTerm().findInText(normalized, ocr_, termBlock(termFindings));
     LMReceiptParserTerm().findTaxTermsInText(normalized, ocr_, termBlock(termTaxFindings));
+    if (stop()) break;
 
     std::u16string dateText = normalized;
     if (ocr_) {
@@ -142,6 +189,7 @@ void LMReceiptParser::parseElements() {
     }
     LMReceiptParserDate().findDatesInText(
         dateText, [&](std::u16string_view text, LMTextRange range, const LMDate& date) {
+          if (!count.take()) return;
           auto d = std::make_shared<LMFoundDate>();
           d->setDate(date);
           d->setDateString(matchedText(text, range));
@@ -149,6 +197,8 @@ void LMReceiptParser::parseElements() {
           dateRanges.add(range);
           dates.push_back(d);
         });
+
+    if (stop()) break;
 
     LMArray banks;
     for (LMDictionary& finding : LMReceiptParserBank().findBankInfoInText(normalized)) {
@@ -169,7 +219,7 @@ void LMReceiptParser::parseElements() {
     for (const LMDetectedItem& item : LMDataDetector().findInText(normalized)) {
       switch (item.type) {
         case LMDetectedType::kDate:
-          if (noDatesYet && item.date) {
+          if (noDatesYet && item.date && count.take()) {
             auto d = std::make_shared<LMFoundDate>();
             d->setDate(item.date);
             d->setDateString(matchedText(normalized, item.range));
@@ -192,6 +242,8 @@ void LMReceiptParser::parseElements() {
       }
     }
 
+    if (stop()) break;
+
     std::u16string amountText = normalized;
     if (ocr_) {
       normalizeLike(amountText, u"'");
@@ -202,11 +254,14 @@ void LMReceiptParser::parseElements() {
                         int64_t places, const std::u16string*, const LMDictionary& info) {
           // Kept as it is: the overlap test compares character ranges only,
           // so a date on another page at the same positions hides an amount.
-          if (dateRanges.overlaps(range)) return;
+          if (dateRanges.overlaps(range) || !count.take()) return;
           auto n = std::make_shared<LMFoundNumber>(amount, static_cast<uint64_t>(places));
           n->setNumberString(matchedText(text, range));
           n->setFeatures(info);
           context.setUp(*n, range);
+          // Only numbers carry their diagnostic notes into the result, so
+          // only they keep them.
+          n->keepDebugInfo();
           numbers.push_back(n);
         });
   }

@@ -90,7 +90,7 @@ void LMReceiptParser::analyzeAmountElements() {
       weight += nearness * 5.0;
     }
     candidate->setSortWeight(weight);
-    candidate->setDebugInfo(*candidate->jsonObject().asDictionary());
+    candidate->keepDebugInfo();
   }
 
   Numbers ranked = candidates;

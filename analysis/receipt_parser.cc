@@ -1,5 +1,6 @@
 #include "analysis/receipt_parser.h"
 
+#include "document/pdf_document.h"
 #include "document/receipt_document.h"
 #include "kit/diagnostics.h"
 
@@ -38,13 +39,28 @@ bool LMReceiptParser::work() {
   ocr_ = doc_ && doc_->isOCR();
   content_ = std::u16string();
   factors_ = LMDictionary();
+  if (stopped()) return false;
   LMAssert(text_);
   if (!text_) return true;
   parseElements();
+  if (stopped()) return false;
   analyzeAmountElements();
+  if (stopped()) return false;
   analyzeTaxElements();
+  if (stopped()) return false;
   analyzeDateElements();
   return true;
+}
+
+bool LMReceiptParser::stopped() {
+  if (!stopReason_.empty()) return true;
+  if (lmIsCancelled(cancellation_)) {
+    stopReason_ = cancellation_->message();
+    if (stopReason_.empty()) stopReason_ = u"Cancelled";
+  } else if (doc_ && doc_->pdfDoc()) {
+    stopReason_ = doc_->pdfDoc()->limitExceeded().value_or(u"");
+  }
+  return !stopReason_.empty();
 }
 
 LMDictionary LMReceiptParser::result() const {

@@ -7,7 +7,9 @@
 //
 // A parser is used once, by one thread. Values of the wrong kind in `taxes`
 // (anything but an array of numbers or numeric texts) throw
-// std::invalid_argument from work(); everything else fails soft.
+// std::invalid_argument from work(); everything else fails soft. A document
+// beyond the limits, or a call cancelled while it runs, stops the analysis
+// early: work() answers false and stopReason() says why.
 #pragma once
 #include <cstdint>
 #include <memory>
@@ -19,7 +21,9 @@
 #include "elements/found_element.h"
 #include "elements/found_number.h"
 #include "elements/found_term.h"
+#include "kit/cancellation.h"
 #include "kit/decimal.h"
+#include "kit/limits.h"
 #include "kit/value.h"
 
 class LMReceiptDocument;
@@ -44,8 +48,18 @@ class LMReceiptParser {
   void setTaxes(LMValue taxes) { taxes_ = std::move(taxes); }
   const LMValue& taxes() const { return taxes_; }
 
-  // Runs the whole analysis; always answers true.
+  // Bounds on the found elements per page and per document (the document's
+  // own bounds are the PDF adapter's); the defaults unless set.
+  void setLimits(const LMAnalysisLimits& limits) { limits_ = limits; }
+  // Polled between pages and stages; may be null (never cancelled).
+  void setCancellation(const LMCancellation* cancellation) { cancellation_ = cancellation; }
+
+  // Runs the whole analysis: true when it ran to its end, false when it
+  // stopped early (see stopReason()).
   bool work();
+  // Why work() stopped early: the cancellation's message, or the message
+  // naming the bound the document went beyond. Empty after a complete run.
+  const std::u16string& stopReason() const { return stopReason_; }
   // The 21-key result dictionary built from the current state; the null
   // marker stands for every missing value, "factors" is always an (empty)
   // dictionary. Found elements stay shared objects inside it.
@@ -90,7 +104,14 @@ class LMReceiptParser {
   void setGross(std::optional<LMDecimal> gross) { gross_ = gross; }
 
  private:
+  // True, with stopReason_ set, once the call is cancelled or the document
+  // went beyond one of its bounds.
+  bool stopped();
+
   std::shared_ptr<LMReceiptDocument> doc_;
+  LMAnalysisLimits limits_;
+  const LMCancellation* cancellation_ = nullptr;
+  std::u16string stopReason_;
   LMValue defaultCurrency_;
   LMValue taxes_;
 

@@ -46,8 +46,9 @@ bool anyMatches(const PatternList& patterns, const std::u16string& text) {
 
 }  // namespace
 
-std::shared_ptr<LMPDFDocument> LMPDFDocument::initWithData(std::span<const uint8_t> data) {
-  std::shared_ptr<LMPdfFile> file = lmOpenPdfFile(data);
+std::shared_ptr<LMPDFDocument> LMPDFDocument::initWithData(std::span<const uint8_t> data,
+                                                           const LMPdfOpenOptions& options) {
+  std::shared_ptr<LMPdfFile> file = lmOpenPdfFile(data, options);
   if (!file) return nullptr;
   return std::make_shared<LMPDFDocument>(std::move(file));
 }
@@ -70,6 +71,10 @@ std::optional<std::u16string> LMPDFDocument::producer() const {
 
 std::optional<std::u16string> LMPDFDocument::string() const {
   return file_ ? file_->string() : std::nullopt;
+}
+
+std::optional<std::u16string> LMPDFDocument::limitExceeded() const {
+  return file_ ? file_->limitExceeded() : std::nullopt;
 }
 
 bool LMPDFDocument::isOCRDocument() const {

@@ -23,7 +23,8 @@ class LMPDFDocument {
  public:
   // Opens PDF bytes through the adapter; null when they are no readable PDF
   // (an empty buffer included). The bytes are copied.
-  static std::shared_ptr<LMPDFDocument> initWithData(std::span<const uint8_t> data);
+  static std::shared_ptr<LMPDFDocument> initWithData(std::span<const uint8_t> data,
+                                                     const LMPdfOpenOptions& options = {});
 
   // Wraps an opened file. A null file gives a document without pages,
   // metadata or text.
@@ -41,6 +42,9 @@ class LMPDFDocument {
   std::optional<std::u16string> producer() const;
   // The whole document's text; nullopt when no page has text.
   std::optional<std::u16string> string() const;
+  // The first bound of the limits the document ran into while being read, as
+  // the call's error message; nullopt while none (see LMPdfFile).
+  std::optional<std::u16string> limitExceeded() const;
 
   // True when the Creator (non-empty) begins like a known OCR program's mark,
   // or failing that the Producer (non-empty) is Acrobat's Paper Capture

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "kit/cancellation.h"
+#include "kit/limits.h"
 #include "kit/rect.h"
 #include "kit/text_range.h"
 #include "kit/value.h"
@@ -85,6 +87,11 @@ class LMPdfFilePage {
   // string() with runs of font attributes (kLMPdfFontNameAttribute: text,
   // kLMPdfFontSizeAttribute: double); empty when the page has no text.
   virtual const LMAttributedString& attributedString() const = 0;
+  // attributedString() as a value to keep beyond the page; shared with the
+  // page where the adapter can, so that it is not copied.
+  virtual LMAttributedStringRef sharedAttributedString() const {
+    return LMAttributedStringRef{std::make_shared<const LMAttributedString>(attributedString())};
+  }
   // The lines of string(), in reading order.
   virtual const std::vector<LMPdfTextLine>& lines() const = 0;
   // The rectangle enclosing the characters of `range`: the zero rectangle
@@ -104,8 +111,9 @@ class LMPdfFile {
 
   virtual int64_t pageCount() const = 0;
   // Page `index`, or null when the index is out of range or the page cannot
-  // be read. A file of up to 64 pages keeps every page it made; a longer one
-  // keeps a page only while a caller holds it, and makes it again later.
+  // be read. A file of up to 64 pages keeps the pages it made until their
+  // texts reach 500,000 characters; a longer or fuller one keeps a page only
+  // while a caller holds it, and makes it again later.
   virtual std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const = 0;
   // The document information's Creator and Producer; nullopt when absent.
   virtual std::optional<std::u16string> creator() const = 0;
@@ -120,10 +128,29 @@ class LMPdfFile {
   // is listed with a failure and no bytes. A PDF inside is listed like any
   // file, not opened. Empty when there are none (the default).
   virtual std::vector<LMPdfAttachment> attachments() const { return {}; }
+  // The first bound of the open options' limits this document ran into, as
+  // the call's error message (lmLimitMessage); nullopt while none. The page
+  // count is checked on opening (a file with too many has no pages), a
+  // page's characters and the memory while the page is read, the document's
+  // characters as pages are read. The page that went beyond a bound keeps no
+  // text; once a bound is hit, and once the call is cancelled, pages not
+  // read yet have no text either, so that nothing more is spent on the
+  // document.
+  virtual std::optional<std::u16string> limitExceeded() const { return std::nullopt; }
+};
+
+struct LMPdfOpenOptions {
+  LMAnalysisLimits limits;
+  // Raised when the call's answer is no longer wanted: a page being read
+  // stops at once, later pages are not read. May be null.
+  std::shared_ptr<LMCancellation> cancellation;
 };
 
 // Opens PDF bytes with MuPDF. Null for bytes that are no readable PDF (an
 // empty buffer included). Damaged files that MuPDF can repair are opened.
 // MuPDF's warnings and errors go to the log; nothing is written elsewhere and
-// nothing is thrown. The bytes are copied; the caller may free them.
-std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes);
+// nothing is thrown. The bytes are copied; the caller may free them. A file
+// that MuPDF cannot open within options.limits.maxPdfLibraryBytes is null
+// too.
+std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes,
+                                         const LMPdfOpenOptions& options = {});

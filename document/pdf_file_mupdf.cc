@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <string>
@@ -39,6 +40,137 @@ namespace {
 // service reads text only (images are never decoded), so a modest store is
 // plenty.
 constexpr size_t kStoreSize = 64u << 20;
+
+// A file of up to this many pages keeps the pages it made while their texts
+// stay below kKeptCharacters; beyond either, a page is kept only while a
+// caller holds it.
+constexpr size_t kPagesAlwaysKept = 64;
+constexpr int64_t kKeptCharacters = 500000;
+
+// MuPDF's allocator for one document: counts what MuPDF holds and refuses
+// what would go beyond the limit. MuPDF answers a refusal by emptying its
+// store and trying again, and failing that by an error, so a document that
+// needs more stops being read instead of growing without bound.
+class MemoryBudget {
+ public:
+  explicit MemoryBudget(size_t limit) : limit_(limit) {}
+
+  fz_alloc_context allocator() { return fz_alloc_context{this, allocate, reallocate, release}; }
+  // Whether anything was refused since the last call.
+  bool takeRefused() { return std::exchange(refused_, false); }
+
+ private:
+  // Each block starts with its size; 16 bytes keep the block aligned.
+  static constexpr size_t kHeader = 16;
+
+  static void* allocate(void* user, size_t size) {
+    return static_cast<MemoryBudget*>(user)->resize(nullptr, size);
+  }
+  static void* reallocate(void* user, void* old, size_t size) {
+    return static_cast<MemoryBudget*>(user)->resize(old, size);
+  }
+  static void release(void* user, void* p) {
+    if (!p) return;
+    char* block = static_cast<char*>(p) - kHeader;
+    static_cast<MemoryBudget*>(user)->used_ -= *reinterpret_cast<size_t*>(block);
+    std::free(block);
+  }
+
+  void* resize(void* old, size_t size) {
+    char* block = old ? static_cast<char*>(old) - kHeader : nullptr;
+    const size_t before = block ? *reinterpret_cast<size_t*>(block) : 0;
+    if (size > limit_ || used_ - before > limit_ - size) {
+      refused_ = true;
+      return nullptr;
+    }
+    char* grown = static_cast<char*>(std::realloc(block, kHeader + size));
+    if (!grown) return nullptr;
+    *reinterpret_cast<size_t*>(grown) = size;
+    used_ = used_ - before + size;
+    return grown + kHeader;
+  }
+
+  const size_t limit_;
+  size_t used_ = 0;
+  bool refused_ = false;
+};
+
+// While one page's text is extracted: the glyphs it may still draw. The
+// text device's text calls are routed through charge() (MuPDF runs the
+// page on the calling thread, so the budget of the page in progress is a
+// thread-local); past the budget nothing more reaches the device and the
+// interpreter is told to stop.
+struct GlyphBudget {
+  using FillText = void (*)(fz_context*, fz_device*, const fz_text*, fz_matrix, fz_colorspace*,
+                            const float*, float, fz_color_params);
+  using StrokeText = void (*)(fz_context*, fz_device*, const fz_text*, const fz_stroke_state*,
+                              fz_matrix, fz_colorspace*, const float*, float, fz_color_params);
+  using ClipText = void (*)(fz_context*, fz_device*, const fz_text*, fz_matrix, fz_rect);
+  using ClipStrokeText = void (*)(fz_context*, fz_device*, const fz_text*,
+                                  const fz_stroke_state*, fz_matrix, fz_rect);
+  using IgnoreText = void (*)(fz_context*, fz_device*, const fz_text*, fz_matrix);
+
+  int64_t left = 0;
+  bool exceeded = false;
+  fz_cookie* cookie = nullptr;
+  FillText fillText = nullptr;
+  StrokeText strokeText = nullptr;
+  ClipText clipText = nullptr;
+  ClipStrokeText clipStrokeText = nullptr;
+  IgnoreText ignoreText = nullptr;
+
+  static thread_local GlyphBudget* current;
+
+  // True when `text` fits in what is left.
+  static bool charge(const fz_text* text) {
+    GlyphBudget* budget = current;
+    if (!budget || budget->exceeded) return false;
+    for (const fz_text_span* span = text ? text->head : nullptr; span; span = span->next) {
+      budget->left -= span->len;
+    }
+    if (budget->left >= 0) return true;
+    budget->exceeded = true;
+    budget->cookie->abort = 1;
+    return false;
+  }
+
+  // Routes the text calls of `device` (a structured-text device) through
+  // the budget.
+  void attach(fz_device* device) {
+    fillText = device->fill_text;
+    strokeText = device->stroke_text;
+    clipText = device->clip_text;
+    clipStrokeText = device->clip_stroke_text;
+    ignoreText = device->ignore_text;
+    if (fillText) device->fill_text = [](fz_context* ctx, fz_device* dev, const fz_text* text,
+                                         fz_matrix ctm, fz_colorspace* cs, const float* color,
+                                         float alpha, fz_color_params params) {
+      if (charge(text)) current->fillText(ctx, dev, text, ctm, cs, color, alpha, params);
+    };
+    if (strokeText) device->stroke_text = [](fz_context* ctx, fz_device* dev, const fz_text* text,
+                                             const fz_stroke_state* stroke, fz_matrix ctm,
+                                             fz_colorspace* cs, const float* color, float alpha,
+                                             fz_color_params params) {
+      if (charge(text)) current->strokeText(ctx, dev, text, stroke, ctm, cs, color, alpha, params);
+    };
+    if (clipText) device->clip_text = [](fz_context* ctx, fz_device* dev, const fz_text* text,
+                                         fz_matrix ctm, fz_rect scissor) {
+      if (charge(text)) current->clipText(ctx, dev, text, ctm, scissor);
+    };
+    if (clipStrokeText) device->clip_stroke_text = [](fz_context* ctx, fz_device* dev,
+                                                      const fz_text* text,
+                                                      const fz_stroke_state* stroke,
+                                                      fz_matrix ctm, fz_rect scissor) {
+      if (charge(text)) current->clipStrokeText(ctx, dev, text, stroke, ctm, scissor);
+    };
+    if (ignoreText) device->ignore_text = [](fz_context* ctx, fz_device* dev, const fz_text* text,
+                                             fz_matrix ctm) {
+      if (charge(text)) current->ignoreText(ctx, dev, text, ctm);
+    };
+  }
+};
+
+thread_local GlyphBudget* GlyphBudget::current = nullptr;
 
 // ---------------------------------------------------------------------------
 // What MuPDF reports while one document is read. Damaged files can produce
@@ -182,7 +314,8 @@ constexpr int kTextFlags = FZ_STEXT_PRESERVE_WHITESPACE;
 
 // The page's structured text, or null. Content that fails halfway keeps the
 // text found before the failure (`*complete` is then false).
-fz_stext_page* extractText(fz_context* ctx, pdf_page* page, bool* complete) {
+fz_stext_page* extractText(fz_context* ctx, pdf_page* page, GlyphBudget* budget,
+                           bool* complete) {
   fz_stext_page* text = nullptr;
   fz_device* device = nullptr;
   fz_var(text);
@@ -192,9 +325,10 @@ fz_stext_page* extractText(fz_context* ctx, pdf_page* page, bool* complete) {
     fz_stext_options options{kTextFlags, 1.0f};
     text = fz_new_stext_page(ctx, pdf_bound_page(ctx, page));
     device = fz_new_stext_device(ctx, text, &options);
+    budget->attach(device);
     // The contents and the annotations' appearances (filled-in form fields
     // show their values that way), as the page is shown.
-    fz_run_page(ctx, reinterpret_cast<fz_page*>(page), device, fz_identity, nullptr);
+    fz_run_page(ctx, reinterpret_cast<fz_page*>(page), device, fz_identity, budget->cookie);
     fz_close_device(ctx, device);
   }
   fz_always(ctx) { fz_drop_device(ctx, device); }
@@ -265,7 +399,10 @@ void appendCodePoint(std::u16string& text, int c) {
 
 class MuPdfDocument {
  public:
-  MuPdfDocument() = default;
+  explicit MuPdfDocument(const LMPdfOpenOptions& options)
+      : limits_(options.limits),
+        cancellation_(options.cancellation),
+        budget_(options.limits.maxPdfLibraryBytes) {}
   MuPdfDocument(const MuPdfDocument&) = delete;
   MuPdfDocument& operator=(const MuPdfDocument&) = delete;
   ~MuPdfDocument() {
@@ -281,7 +418,8 @@ class MuPdfDocument {
   // when MuPDF cannot make a context.
   bool makeContext() {
     fz_locks_context locks{locks_, lock, unlock};
-    ctx_ = fz_new_context(nullptr, &locks, kStoreSize);
+    allocator_ = budget_.allocator();
+    ctx_ = fz_new_context(&allocator_, &locks, kStoreSize);
     if (!ctx_) {
       lmLog("MuPDF: could not create its context");
       return false;
@@ -298,6 +436,33 @@ class MuPdfDocument {
   pdf_document* doc() const { return doc_; }
   void setDoc(pdf_document* doc) { doc_ = doc; }
 
+  const LMAnalysisLimits& limits() const { return limits_; }
+  LMCancellation* cancellation() const { return cancellation_.get(); }
+  MemoryBudget& budget() { return budget_; }
+
+  const std::optional<std::u16string>& limitExceeded() const { return limitExceeded_; }
+  // Records the first bound the document ran into.
+  void exceed(std::u16string message) {
+    if (!limitExceeded_) limitExceeded_ = std::move(message);
+  }
+  // Nothing more is read once a bound is hit or the call is cancelled.
+  bool stopped() const { return limitExceeded_ || lmIsCancelled(cancellation_.get()); }
+
+  // The characters of the pages read so far, each page counted once.
+  int64_t charactersRead() const { return documentUnits_; }
+
+  // Adds a page's text the first time that page is read (a long document
+  // reads a page again after dropping it); false once the document's text
+  // goes beyond its bound.
+  bool chargePage(int64_t index, int64_t units) {
+    if (counted_.size() <= static_cast<size_t>(index)) counted_.resize(index + 1, false);
+    if (!counted_[index]) {
+      counted_[index] = true;
+      documentUnits_ += units;
+    }
+    return documentUnits_ <= limits_.maxDocumentCharacters;
+  }
+
  private:
   static void lock(void* locks, int which) { static_cast<std::mutex*>(locks)[which].lock(); }
   static void unlock(void* locks, int which) { static_cast<std::mutex*>(locks)[which].unlock(); }
@@ -305,6 +470,13 @@ class MuPdfDocument {
   // MuPDF's locks of this document's context. A file is used by one thread
   // at a time (see pdf_file.h), so they are never contended.
   std::mutex locks_[FZ_LOCK_MAX];
+  const LMAnalysisLimits limits_;
+  const std::shared_ptr<LMCancellation> cancellation_;
+  MemoryBudget budget_;
+  fz_alloc_context allocator_{};
+  std::optional<std::u16string> limitExceeded_;
+  std::vector<bool> counted_;
+  int64_t documentUnits_ = 0;
   fz_context* ctx_ = nullptr;
   pdf_document* doc_ = nullptr;
   MessageCollector messages_;
@@ -331,11 +503,15 @@ class MuPdfPage final : public LMPdfFilePage {
 
   const std::u16string& string() const override {
     extract();
-    return text_.string;
+    return text_->string;
   }
   const LMAttributedString& attributedString() const override {
     extract();
-    return text_;
+    return *text_;
+  }
+  LMAttributedStringRef sharedAttributedString() const override {
+    extract();
+    return LMAttributedStringRef{text_};
   }
   const std::vector<LMPdfTextLine>& lines() const override {
     extract();
@@ -384,24 +560,67 @@ class MuPdfPage final : public LMPdfFilePage {
     uint32_t font;
   };
 
-  // Builds the text model on first use.
+  // Builds the text model on first use. A page beyond a bound of the
+  // document's limits keeps no text and records the bound.
   void extract() const {
     if (extracted_) return;
     extracted_ = true;
+    if (document_->stopped()) return;
     fz_context* ctx = document_->ctx();
+    const LMAnalysisLimits& limits = document_->limits();
+    fz_cookie cookie{};
+    GlyphBudget glyphs;
+    // Glyphs become about one character each; the glyph budget only stops
+    // runaway pages early, the characters are counted exactly below.
+    glyphs.left = 2 * limits.maxPageCharacters;
+    glyphs.cookie = &cookie;
     bool complete = true;
-    fz_stext_page* text = extractText(ctx, page_, &complete);
+    fz_stext_page* text = nullptr;
+    {
+      LMCancellation::Registration abort;
+      if (LMCancellation* cancellation = document_->cancellation()) {
+        abort = cancellation->onCancel([&cookie] { cookie.abort = 1; });
+      }
+      GlyphBudget::current = &glyphs;
+      document_->budget().takeRefused();
+      text = extractText(ctx, page_, &glyphs, &complete);
+      GlyphBudget::current = nullptr;
+    }
+    const bool outOfMemory = document_->budget().takeRefused() && !complete;
     if (!complete) {
       lmLogf("PDF page %lld: text extraction stopped early", static_cast<long long>(index_));
     }
-    if (text) {
-      build(ctx, text);
-      fz_drop_stext_page(ctx, text);
+    const std::u16string page = lmUtf16(std::to_string(index_ + 1));
+    bool withinPage = !glyphs.exceeded;
+    if (text && withinPage && !outOfMemory) {
+      withinPage = build(ctx, text, limits.maxPageCharacters);
     }
+    if (text) fz_drop_stext_page(ctx, text);
+    if (outOfMemory) {
+      document_->exceed(lmLimitMessage(
+          static_cast<int64_t>(limits.maxPdfLibraryBytes >> 20), u"MB of memory to read page " + page));
+    } else if (!withinPage) {
+      document_->exceed(lmLimitMessage(limits.maxPageCharacters, u"characters on page " + page));
+    } else if (!document_->chargePage(index_, static_cast<int64_t>(text_->string.size()))) {
+      document_->exceed(lmLimitMessage(limits.maxDocumentCharacters, u"characters in the document"));
+    } else {
+      return;
+    }
+    clearText();
   }
 
-  void build(fz_context* ctx, fz_stext_page* text) const {
-    std::u16string& string = text_.string;
+  void clearText() const {
+    text_ = std::make_shared<LMAttributedString>();
+    lines_ = {};
+    chars_ = {};
+    fonts_ = {};
+    unitChars_ = {};
+  }
+
+  // False, with the model half built, as soon as the text grows beyond
+  // `maxUnits`.
+  bool build(fz_context* ctx, fz_stext_page* text, int64_t maxUnits) const {
+    std::u16string& string = text_->string;
     std::map<std::pair<std::u16string, double>, uint32_t> fontIndex;
     fz_font* lastFont = nullptr;
     float lastSize = -1;
@@ -411,6 +630,7 @@ class MuPdfPage final : public LMPdfFilePage {
       for (fz_stext_line* line = block->u.t.first_line; line; line = line->next) {
         if (!line->first_char) continue;
         if (!string.empty()) {
+          if (static_cast<int64_t>(string.size()) >= maxUnits) return false;
           string.push_back(u'\n');
           unitChars_.push_back(kLineBreak);
         }
@@ -431,12 +651,14 @@ class MuPdfPage final : public LMPdfFilePage {
           chars_.push_back(Char{userRect(c->quad, toUser_), lastFontIndex});
           bounds = lmRectUnion(bounds, chars_.back().bounds);
           appendCodePoint(string, c->c);
+          if (static_cast<int64_t>(string.size()) > maxUnits) return false;
           unitChars_.resize(string.size(), index);
         }
         lines_.push_back(LMPdfTextLine{LMTextRange::make(start, string.size() - start), bounds});
       }
     }
     buildRuns();
+    return true;
   }
 
   // Runs of characters with the same font and size. Each inserted line break
@@ -448,7 +670,7 @@ class MuPdfPage final : public LMPdfFilePage {
       const int32_t c = unitChars_[i];
       uint64_t end = i + 1;
       if (c == kLineBreak) {
-        text_.runs.push_back(LMAttributeRun{LMTextRange::make(i, 1), LMDictionary()});
+        text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, 1), LMDictionary()});
         i = end;
         continue;
       }
@@ -460,7 +682,7 @@ class MuPdfPage final : public LMPdfFilePage {
       LMDictionary attributes;
       attributes.set(kLMPdfFontNameAttribute, LMValue(fonts_[font].name));
       attributes.set(kLMPdfFontSizeAttribute, LMValue(fonts_[font].size));
-      text_.runs.push_back(LMAttributeRun{LMTextRange::make(i, end - i), std::move(attributes)});
+      text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, end - i), std::move(attributes)});
       i = end;
     }
   }
@@ -473,7 +695,8 @@ class MuPdfPage final : public LMPdfFilePage {
 
   // The text model, built on first use (one thread uses a page at a time).
   mutable bool extracted_ = false;
-  mutable LMAttributedString text_;
+  // Shared with whoever keeps the page's text beyond the page.
+  mutable std::shared_ptr<LMAttributedString> text_ = std::make_shared<LMAttributedString>();
   mutable std::vector<LMPdfTextLine> lines_;
   mutable std::vector<Char> chars_;
   mutable std::vector<LMPdfFont> fonts_;
@@ -515,7 +738,7 @@ class MuPdfFile final : public LMPdfFile {
     // Short documents keep every page, so that asking again costs nothing.
     // Long ones keep a page only while someone holds it, so that memory
     // follows the pages in use rather than the page count.
-    if (pages_.size() <= kPagesAlwaysKept) {
+    if (pages_.size() <= kPagesAlwaysKept && document_->charactersRead() < kKeptCharacters) {
       pages_[i] = made;
     } else {
       weakPages_[i] = made;
@@ -525,6 +748,9 @@ class MuPdfFile final : public LMPdfFile {
 
   std::optional<std::u16string> creator() const override { return creator_; }
   std::optional<std::u16string> producer() const override { return producer_; }
+  std::optional<std::u16string> limitExceeded() const override {
+    return document_->limitExceeded();
+  }
 
   std::optional<std::u16string> string() const override {
     std::u16string text;
@@ -546,7 +772,6 @@ class MuPdfFile final : public LMPdfFile {
 
  private:
   std::shared_ptr<MuPdfDocument> document_;
-  static constexpr size_t kPagesAlwaysKept = 64;
   mutable std::vector<std::shared_ptr<const LMPdfFilePage>> pages_;
   mutable std::vector<std::weak_ptr<const LMPdfFilePage>> weakPages_;
   mutable std::vector<bool> failed_;
@@ -561,15 +786,25 @@ std::optional<std::u16string> optionalText(const char* utf8) {
 
 }  // namespace
 
-std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes) {
+std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes,
+                                         const LMPdfOpenOptions& options) {
   if (bytes.empty()) return nullptr;
-  auto document = std::make_shared<MuPdfDocument>();
+  auto document = std::make_shared<MuPdfDocument>(options);
   if (!document->makeContext()) return nullptr;
   fz_context* ctx = document->ctx();
   document->setDoc(openDocument(ctx, bytes.data(), bytes.size()));
   if (!document->doc()) return nullptr;
-  const int pageCount = countPages(ctx, document->doc());
+  int pageCount = countPages(ctx, document->doc());
   if (pageCount < 0) return nullptr;
+  if (pageCount > options.limits.maxPages) {
+    document->exceed(lmLimitMessage(options.limits.maxPages, u"pages"));
+    pageCount = 0;
+  }
+  // MuPDF finds page n of a flat page tree by walking the n pages before it,
+  // so reading every page of such a tree is quadratic (5,000 pages: about
+  // 3 s here); the page bound bounds it. Its cached page list
+  // (pdf_load_page_tree) would make it linear but leaks every page object it
+  // hands out in this version.
   auto creator = optionalText(infoText(ctx, document->doc(), PDF_NAME(Creator)));
   auto producer = optionalText(infoText(ctx, document->doc(), PDF_NAME(Producer)));
   return std::make_shared<MuPdfFile>(std::move(document), pageCount, std::move(creator),

@@ -158,16 +158,31 @@ void LMPDFPage::buildText() {
   }
   rows.push_back(std::move(row));
 
-  LMAttributedString text;
   for (size_t r = 0; r < rows.size(); ++r) {
-    if (r > 0) text.string += u'\n';
+    if (r > 0) textOrder_.push_back(nullptr);
     std::stable_sort(rows[r].begin(), rows[r].end(), lineLeftOf);
     for (size_t i = 0; i < rows[r].size(); ++i) {
-      if (i > 0) text.string += u'\n';
-      appendLine(text, *rows[r][i]);
+      if (i > 0) textOrder_.push_back(nullptr);
+      textOrder_.push_back(rows[r][i]);
     }
   }
-  attributedString_ = std::move(text);
+  for (const LMPDFLine* line : textOrder_) {
+    attributedString_.string += line ? std::u16string_view(line->string) : u"\n";
+  }
+}
+
+const LMAttributedString& LMPDFPage::attributedString() const {
+  std::call_once(runsMade_, [this] {
+    uint64_t at = 0;
+    for (const LMPDFLine* line : textOrder_) {
+      if (line && !line->string.empty()) {
+        attributedString_.runs.push_back(LMAttributeRun{
+            LMTextRange::make(at, line->string.size()), lineAttributes(*line)});
+      }
+      at += line ? line->string.size() : 1;
+    }
+  });
+  return attributedString_;
 }
 
 LMTextRange LMPDFPage::originalRangeForRange(LMTextRange range) const {

@@ -8,11 +8,13 @@
 // attributes. The page also classifies its format (about A4, landscape).
 //
 // A page is complete when its constructor returns and never changes
-// afterwards; it keeps its adapter page alive. Not synchronised, but since
-// nothing changes after construction a page may be read by several threads.
+// afterwards; it keeps its adapter page alive. The attributes of the page
+// text are made on first use, once (guarded), so a page may be read by
+// several threads.
 #pragma once
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,8 +77,9 @@ class LMPDFPage {
   // extent, each row's lines left to right, everything joined with "\n" (no
   // trailing "\n"). Each line's text carries the two line attributes; the
   // "\n" between lines carries none. Empty for a page without text.
-  const LMAttributedString& attributedString() const { return attributedString_; }
-  // The plain text of attributedString().
+  const LMAttributedString& attributedString() const;
+  // The plain text of attributedString(), made without its attributes (a
+  // page of 100,000 short lines gives each line two texts of attributes).
   const std::u16string& string() const { return attributedString_.string; }
   // The media box is about 595 x 842 points (A4) in either orientation:
   // each side within 47.6 points, exclusive.
@@ -94,5 +97,9 @@ class LMPDFPage {
   int64_t pageNumber_;
   bool landscape_ = false;
   bool letter_ = false;
-  LMAttributedString attributedString_;
+  // The lines in the order of the page text, and the line before which a
+  // "\n" is not preceded by a line of the same row.
+  std::vector<const LMPDFLine*> textOrder_;
+  mutable std::once_flag runsMade_;
+  mutable LMAttributedString attributedString_;
 };

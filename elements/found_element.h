@@ -47,9 +47,10 @@ class LMFoundElement : public LMObject {
   // Free slot for the creator's own data.
   const LMValue& userInfo() const { return userInfo_; }
   void setUserInfo(LMValue v) { userInfo_ = std::move(v); }
-  // Diagnostic notes; nullopt when never set.
-  const std::optional<LMDictionary>& debugInfo() const { return debugInfo_; }
-  void setDebugInfo(std::optional<LMDictionary> d) { debugInfo_ = std::move(d); }
+  // Diagnostic notes; nullopt when never set. Made on each call (numbers
+  // keep what their notes are made of rather than the dictionary).
+  virtual std::optional<LMDictionary> debugInfo() const { return debugInfo_; }
+  virtual void setDebugInfo(std::optional<LMDictionary> d) { debugInfo_ = std::move(d); }
   bool bold() const { return bold_; }
   void setBold(bool v) { bold_ = v; }
   double fontSize() const { return fontSize_; }

@@ -61,6 +61,23 @@ TEST(FoundNumberTest, JsonHasNullsAndTwoPlacesKeys) {
   EXPECT_EQ(u"{\"term\":\"summe\"}", n.jsonObject().at(u"features").toJSON().value());
 }
 
+TEST(FoundNumberTest, KeptNotesStayAsTheNumberWasWhenKept) {
+  LMFoundNumber n(1250, 2);
+  n.setFeatures(LMDictionary{{u"places", 2}});
+  n.setSortWeight(1.5);
+  n.keepDebugInfo();
+  const LMValue kept = n.jsonObject();
+  n.mutableFeatures()->set(u"sort_Weight_tax", 2.0);
+  n.setSortWeight(2);
+  n.setCurrencyCode(u"EUR");
+  EXPECT_EQ(kept, LMValue(*n.debugInfo()));
+  EXPECT_NE(kept, n.jsonObject());
+  n.setDebugInfo(LMDictionary{{u"score", 0.75}});
+  EXPECT_EQ(LMValue(LMDictionary{{u"score", 0.75}}), LMValue(*n.debugInfo()));
+  n.keepDebugInfo();
+  EXPECT_EQ(n.jsonObject(), LMValue(*n.debugInfo()));
+}
+
 TEST(FoundDateTest, SortWeightIsComputedOnEveryRead) {
   LMFoundDate d;
   d.setBbox({50, 700, 60, 10});

@@ -1,6 +1,7 @@
 // LMFoundNumber: an amount read from the page, kept as whole hundredths.
 #pragma once
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -42,10 +43,21 @@ class LMFoundNumber : public LMFoundElement {
   void setGrossFactor(double v) { grossFactor_ = v; }
   double netFactor() const { return netFactor_; }
   void setNetFactor(double v) { netFactor_ = v; }
-  // Named features of the match; nullopt until set.
-  const std::optional<LMDictionary>& features() const { return features_; }
-  std::optional<LMDictionary>& mutableFeatures() { return features_; }
-  void setFeatures(std::optional<LMDictionary> f) { features_ = std::move(f); }
+  // Named features of the match; null until set.
+  const LMDictionary* features() const { return features_.get(); }
+  // The features to change; null until set. The notes keepDebugInfo() kept
+  // stay as they were.
+  LMDictionary* mutableFeatures();
+  void setFeatures(std::optional<LMDictionary> f);
+
+  // Keeps jsonDictionary() as it is now as the diagnostic notes that
+  // debugInfo() answers until the next keepDebugInfo() or setDebugInfo().
+  // Cheaper than setDebugInfo(jsonDictionary()): the notes share the
+  // features with the number, and the rest is made again when asked for,
+  // from fields that do not change once a number is placed on its page.
+  void keepDebugInfo();
+  std::optional<LMDictionary> debugInfo() const override;
+  void setDebugInfo(std::optional<LMDictionary> d) override;
 
   LMValue value() const override { return LMValue(decimalNumber()); }
   // The decimal's plain notation, e.g. "12.5".
@@ -73,5 +85,17 @@ class LMFoundNumber : public LMFoundElement {
   double taxFactor_ = 0;
   double grossFactor_ = 0;
   double netFactor_ = 0;
-  std::optional<LMDictionary> features_;
+  std::shared_ptr<LMDictionary> features_;
+
+  // What keepDebugInfo() kept of the fields that change during the analysis.
+  struct KeptNotes {
+    double sortWeight;
+    std::optional<std::u16string> currencyCode;
+    std::shared_ptr<LMDictionary> features;
+  };
+  std::optional<KeptNotes> keptNotes_;
+
+  LMDictionary jsonDictionaryWith(double sortWeight,
+                                  const std::optional<std::u16string>& currencyCode,
+                                  const LMDictionary* features) const;
 };

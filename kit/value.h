@@ -190,6 +190,8 @@ class LMValue {
   LMValue(LMDictionary d) : v_(std::move(d)) {}
   LMValue(LMAttributedString s)
       : v_(LMAttributedStringRef{std::make_shared<const LMAttributedString>(std::move(s))}) {}
+  // Shares `s` instead of copying it.
+  LMValue(LMAttributedStringRef s) : v_(std::move(s)) {}
   template <typename T>
     requires std::is_base_of_v<LMObject, T>
   LMValue(std::shared_ptr<T> o) {

@@ -7,6 +7,7 @@
 #include "document/receipt_document.h"
 #include "facts/document_facts.h"
 #include "facts/facts_builder.h"
+#include "kit/limits.h"
 
 void LMXPCWorker::work() {
   const LMValue* data = (*this)[u"data"];
@@ -28,9 +29,25 @@ void LMXPCWorker::work() {
                                 {u"pages", LMArray()}});
     return;
   }
-  std::shared_ptr<LMPDFDocument> pdf = LMPDFDocument::initWithData(*bytes);
+  if (bytes->size() > limits_.maxPdfBytes) {
+    doneWithErrorMessage(
+        lmLimitMessage(static_cast<int64_t>(limits_.maxPdfBytes >> 20), u"MB of PDF"));
+    return;
+  }
+  if (cancellation()->isCancelled()) {
+    doneWithErrorMessage(cancellation()->message());
+    return;
+  }
+  LMPdfOpenOptions options;
+  options.limits = limits_;
+  options.cancellation = cancellation();
+  std::shared_ptr<LMPDFDocument> pdf = LMPDFDocument::initWithData(*bytes, options);
   if (!pdf) {
     doneWithErrorMessage(u"Could not open document");
+    return;
+  }
+  if (auto exceeded = pdf->limitExceeded()) {
+    doneWithErrorMessage(*exceeded);
     return;
   }
   auto document = std::make_shared<LMReceiptDocument>(pdf);
@@ -42,16 +59,31 @@ void LMXPCWorker::work() {
   parser.setDefaultCurrency(currency ? *currency : LMValue(u""));
   const LMValue* taxes = (*this)[u"taxes"];
   parser.setTaxes(taxes ? *taxes : LMValue(LMArray()));
-  parser.work();
+  parser.setLimits(limits_);
+  parser.setCancellation(cancellation().get());
+  if (!parser.work()) {
+    doneWithErrorMessage(parser.stopReason());
+    return;
+  }
 
   LMArray pages;
   for (int64_t i = 0; i < pdf->pageCount(); ++i) {
+    if (cancellation()->isCancelled()) {
+      doneWithErrorMessage(cancellation()->message());
+      return;
+    }
     auto page = pdf->pageAtIndex(i);
     if (page && page->attributedString().length() > 0) {
-      pages.emplace_back(page->attributedString());
+      pages.emplace_back(page->sharedAttributedString());
     } else {
       pages.emplace_back(LMAttributedString());
     }
+  }
+  // Reading a long document's pages once more can still run into MuPDF's
+  // memory bound.
+  if (auto exceeded = pdf->limitExceeded()) {
+    doneWithErrorMessage(*exceeded);
+    return;
   }
   LMDictionary result = parser.result();
   result.set(u"pages", std::move(pages));
@@ -60,8 +92,13 @@ void LMXPCWorker::work() {
 }
 
 LMXPCReply lmPerformReceiptTask(const LMDictionary& task) {
+  return lmPerformReceiptTask(LMDictionary(task));
+}
+
+LMXPCReply lmPerformReceiptTask(LMDictionary&& task) {
   LMXPCWorker worker;
   LMXPCReply reply;
-  worker.performWithObject(LMValue(task), [&reply](LMXPCReply r) { reply = std::move(r); });
+  worker.performWithObject(LMValue(std::move(task)),
+                           [&reply](LMXPCReply r) { reply = std::move(r); });
   return reply;
 }

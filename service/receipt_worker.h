@@ -5,15 +5,27 @@
 // code, "" when absent), "taxes" (tax rates in percent, empty when absent).
 // Reply: the 21-key analysis result plus "pages", one attributed text per page
 // (empty for a page without text). Errors: "data required", "Could not open
-// document", and the message of a task whose values have the wrong kind.
+// document", the message of a task whose values have the wrong kind, the
+// message naming the bound of the limits a document goes beyond ("Document
+// too large: ...") and the cancellation's message when the call is
+// cancelled while it runs.
 #pragma once
+#include "kit/limits.h"
 #include "service/worker_runtime.h"
 
 class LMXPCWorker : public LMXPCBaseWorker {
  public:
   void work() override;
+
+  // The bounds of the documents this worker analyses; the defaults unless set.
+  void setLimits(const LMAnalysisLimits& limits) { limits_ = limits; }
+
+ private:
+  LMAnalysisLimits limits_;
 };
 
 // Runs one task in this process, as the service would: the reply's result or
 // its error.
 LMXPCReply lmPerformReceiptTask(const LMDictionary& task);
+// The same for a task the caller gives up, without copying its PDF.
+LMXPCReply lmPerformReceiptTask(LMDictionary&& task);

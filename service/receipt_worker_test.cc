@@ -5,7 +5,9 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <thread>
 
+#include "document/generated_pdf_test_util.h"
 #include "kit/diagnostics.h"
 
 namespace {
@@ -97,6 +99,72 @@ TEST_F(ReceiptWorkerTest, PagesWithoutTextAndDocumentsWithoutPages) {
   const LMXPCReply empty = lmPerformReceiptTask(LMDictionary{{u"data", zeroPagePdf()}});
   ASSERT_TRUE(empty.result) << std::string(empty.error->message.begin(), empty.error->message.end());
   EXPECT_EQ(LMValue(LMArray()), empty.result->at(u"pages"));
+}
+
+LMXPCReply performWith(const LMData& pdf, const LMAnalysisLimits& limits,
+                       std::shared_ptr<LMCancellation> cancellation = nullptr) {
+  LMXPCWorker worker;
+  worker.setLimits(limits);
+  worker.setCancellation(std::move(cancellation));
+  LMXPCReply reply;
+  worker.performWithObject(LMDictionary{{u"data", pdf}}, [&](LMXPCReply r) { reply = std::move(r); });
+  return reply;
+}
+
+TEST_F(ReceiptWorkerTest, DocumentsBeyondTheLimitsGetAnErrorNamingTheBound) {
+  const std::string amounts = lmGeneratedLines(3000, "EUR 12,34", 0.5, 0.2);
+  LMAnalysisLimits fewElements;
+  fewElements.maxDocumentElements = 100;
+  LMAnalysisLimits smallFiles;
+  smallFiles.maxPdfBytes = 1u << 20;
+  struct Case {
+    const char* name;
+    LMData pdf;
+    LMAnalysisLimits limits;
+    std::u16string message;
+  } cases[] = {
+      // 3,000 amounts and currency mentions on one page of a few KB.
+      {"crowded page", lmGeneratedPdf({amounts}), LMAnalysisLimits(),
+       u"Document too large: more than 2000 found elements on page 1"},
+      {"found elements in the document",
+       lmGeneratedPdf({lmGeneratedLines(40, "12,34 EUR", 8, 12)}, 3), fewElements,
+       u"Document too large: more than 100 found elements in the document"},
+      {"pages", lmGeneratedPdf({"BT ET"}, 5001), LMAnalysisLimits(),
+       u"Document too large: more than 5000 pages"},
+      {"characters on a page", lmGeneratedPdf({lmGeneratedLines(120000, "a", 0.002, 0.003)}),
+       LMAnalysisLimits(), u"Document too large: more than 200000 characters on page 1"},
+      {"bytes", lmGeneratedPdf({amounts + std::string(1u << 20, ' ')}), smallFiles,
+       u"Document too large: more than 1 MB of PDF"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const LMXPCReply reply = performWith(c.pdf, c.limits);
+    ASSERT_TRUE(reply.error);
+    EXPECT_FALSE(reply.result);
+    EXPECT_EQ(c.message, reply.error->message);
+  }
+  // Within the bounds the same shapes are analysed.
+  const LMXPCReply within = performWith(lmGeneratedPdf({lmGeneratedLines(40, "12,34 EUR", 8, 12)}, 2),
+                                        LMAnalysisLimits());
+  ASSERT_TRUE(within.result);
+  EXPECT_EQ(160u, within.result->at(u"numbers").len() + within.result->at(u"currencies").len());
+}
+
+TEST_F(ReceiptWorkerTest, ACancelledCallRepliesTheCancellationsMessage) {
+  auto cancellation = std::make_shared<LMCancellation>();
+  cancellation->cancel(u"Time limit exceeded");
+  const LMXPCReply reply = performWith(fixture("sample-receipt.pdf"), LMAnalysisLimits(), cancellation);
+  ASSERT_TRUE(reply.error);
+  EXPECT_EQ(u"Time limit exceeded", reply.error->message);
+
+  // Raised from another thread while the analysis runs: the call stops
+  // early, or it finished first.
+  auto late = std::make_shared<LMCancellation>();
+  std::thread raiser([late] { late->cancel(u"Client went away"); });
+  const LMXPCReply raced =
+      performWith(lmGeneratedPdf({lmGeneratedLines(40, "12,34 EUR", 8, 12)}, 200), LMAnalysisLimits(), late);
+  raiser.join();
+  EXPECT_TRUE(raced.result || raced.error->message == u"Client went away");
 }
 
 class NoReplyWorker : public LMXPCBaseWorker {

@@ -94,6 +94,21 @@ def main():
     check("missing error", len(lines) == 2 and
           lines[1].get("error") == "Could not read file: No such file or directory", out.stdout)
 
+    # A file beyond the size limit is refused before it is read (a sparse
+    # file: nothing is written), also when it comes through a pipe.
+    with tempfile.TemporaryDirectory() as folder:
+        huge = os.path.join(folder, "huge.pdf")
+        with open(huge, "wb") as f:
+            f.truncate(64 * 1024 * 1024 + 1)
+        too_large = "Could not read file: file too large (limit 64 MB)"
+        out = run(tool, "--format", "summary", huge)
+        check("huge file", out.returncode == 1 and out.stdout.strip() == huge + ": error: " +
+              too_large, out.stdout + out.stderr)
+        out = subprocess.run("cat %s | %s analyze /dev/stdin" % (huge, tool), shell=True,
+                             capture_output=True, text=True, timeout=120)
+        check("huge pipe", out.returncode == 1 and json.loads(out.stdout).get("error") == too_large,
+              out.stdout + out.stderr)
+
     out = standard(tool, "--format", "summary", sample)
     check("summary", out.stdout.strip() ==
           sample + ": gross 15.30 net 15.30 tax 1.00 currency EUR date 2026-11-14", out.stdout)

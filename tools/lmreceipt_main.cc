@@ -20,6 +20,7 @@
 
 #include "kit/decimal.h"
 #include "kit/diagnostics.h"
+#include "kit/limits.h"
 #include "kit/unicode.h"
 #include "kit/value.h"
 #include "facts/facts_format.h"
@@ -134,8 +135,13 @@ std::string twoPlaces(const LMValue& v) {
   return s + std::string(2 - std::min<size_t>(2, s.size() - point - 1), '0');
 }
 
+// The largest input file: what one analysis may read (LMAnalysisLimits).
+const size_t kMaxFileBytes = LMAnalysisLimits().maxPdfBytes;
+
 // The bytes of the file at `path`; nullopt with errno set when it cannot be
-// read (missing, a folder, not permitted, a read error).
+// read (missing, a folder, not permitted, a read error; EFBIG for a file, or
+// a pipe's contents, larger than kMaxFileBytes, found before reading it or
+// as soon as the limit is passed).
 std::optional<LMData> readWholeFile(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
@@ -146,11 +152,21 @@ std::optional<LMData> readWholeFile(const std::string& path) {
     errno = EISDIR;
     return std::nullopt;
   }
+  if (isFile && static_cast<uint64_t>(st.st_size) > kMaxFileBytes) {
+    close(fd);
+    errno = EFBIG;
+    return std::nullopt;
+  }
   // Room for the whole file and one byte more, to see its end without
   // growing; a pipe, or a file that grew meanwhile, gets more as it comes.
   LMData bytes(isFile ? static_cast<size_t>(st.st_size) + 1 : 65536);
   for (size_t used = 0;;) {
-    if (used == bytes.size()) bytes.resize(2 * used);
+    if (used > kMaxFileBytes) {
+      close(fd);
+      errno = EFBIG;
+      return std::nullopt;
+    }
+    if (used == bytes.size()) bytes.resize(std::min(2 * used, kMaxFileBytes + 1));
     const ssize_t n = read(fd, bytes.data() + used, bytes.size() - used);
     if (n > 0) {
       used += static_cast<size_t>(n);
@@ -169,7 +185,7 @@ std::optional<LMData> readWholeFile(const std::string& path) {
 }
 
 // Answers one task: in this process, or through the service.
-using Performer = std::function<LMXPCReply(const LMDictionary& task)>;
+using Performer = std::function<LMXPCReply(LMDictionary&& task)>;
 
 Outcome analyzeFile(const std::string& path, const Options& options, bool withFileKey,
                     const Performer& perform) {
@@ -177,18 +193,25 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
   if (withFileKey || options.summary) errorObject.set(u"file", lmUtf16(path));
   std::optional<LMData> bytes = readWholeFile(path);
   LMXPCReply reply;
-  if (!bytes) {
+  if (!bytes && errno == EFBIG) {
+    reply.error = LMXPCError{
+        kLMErrorDomain, kLMErrorCode,
+        u"Could not read file: file too large (limit " +
+            lmUtf16(std::to_string(kMaxFileBytes >> 20)) + u" MB)"};
+  } else if (!bytes) {
     reply.error = LMXPCError{kLMErrorDomain, kLMErrorCode,
                              u"Could not read file: " + lmUtf16(std::strerror(errno))};
   } else {
-    LMDictionary task{{u"data", std::move(*bytes)},
-                      {u"currency", options.currency},
-                      {u"taxes", options.taxes}};
+    // Set one by one: a braced list would copy the bytes.
+    LMDictionary task;
+    task.set(u"data", LMValue(std::move(*bytes)));
+    task.set(u"currency", options.currency);
+    task.set(u"taxes", options.taxes);
     if (options.facts) {
       task.set(u"facts", true);
       task.set(u"factsFrom", options.factsFrom);
     }
-    reply = perform(task);
+    reply = perform(std::move(task));
   }
   if (reply.error || !reply.result || !reply.result->asDictionary()) {
     const std::u16string message = reply.error ? reply.error->message : u"No result";
@@ -286,7 +309,7 @@ int analyze(const Options& options, const Performer& perform) {
 int call(Options options) {
   LMXPC xpc(kServiceName, lmServiceCall, options.timeout);
   options.jobs = 1;
-  return analyze(options, [&xpc](const LMDictionary& task) {
+  return analyze(options, [&xpc](LMDictionary&& task) {
     LMXPCReply reply;
     xpc.performXPCSynchronousWithObject(
         task, [&reply](const LMValue& result, const std::optional<LMXPCError>& error) {
@@ -377,5 +400,5 @@ int main(int argc, char** argv) {
   if (options.files.empty()) return usageError("no FILE given");
   if (!options.verbose) lmSetLogSink([](std::string_view) {});
   if (options.viaService) return call(std::move(options));
-  return analyze(options, lmPerformReceiptTask);
+  return analyze(options, [](LMDictionary&& task) { return lmPerformReceiptTask(std::move(task)); });
 }

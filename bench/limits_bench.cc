@@ -1,0 +1,104 @@
+// Time and peak memory of the analysis of hostile documents at 1, 2 and 4
+// times a base size, so that growth shows: linear, or flat once a bound
+// answers. Each analysis runs in a child process of its own, whose peak
+// resident memory the kernel reports (getrusage), exactly as the service
+// runs a task (lmPerformReceiptTask).
+//
+// Usage: lm_limits_bench [SHAPE...]; without arguments every shape.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "document/generated_pdf_test_util.h"
+#include "kit/diagnostics.h"
+#include "kit/unicode.h"
+#include "service/receipt_worker.h"
+
+namespace {
+
+struct Shape {
+  const char* name;
+  const char* unit;  // what the size counts
+  int64_t base;
+  std::function<LMData(int64_t size)> make;
+};
+
+const std::vector<Shape>& shapes() {
+  static const std::vector<Shape> all = {
+      {"crowded-page", "amounts and currency mentions on one page", 3000,
+       [](int64_t n) { return lmGeneratedPdf({lmGeneratedLines(n, "EUR 12,34", 0.5, 0.05)}); }},
+      {"short-lines", "one-letter lines on one page", 250000,
+       [](int64_t n) { return lmGeneratedPdf({lmGeneratedLines(n, "a", 1, 0.0007)}); }},
+      {"shared-pages", "pages sharing one content stream", 2500,
+       [](int64_t n) {
+         return lmGeneratedPdf(
+             {"BT /F1 10 Tf 50 800 Td (Summe 12,34 EUR) Tj 0 -20 Td (Datum 01.02.2024) Tj ET"}, n);
+       }},
+      {"full-pages", "pages of 2,000 amounts (the bound of a page)", 31,
+       [](int64_t n) {
+         return lmGeneratedPdf(
+             std::vector<std::string>(n, lmGeneratedLines(2000, "12,34", 0.3, 0.4)));
+       }},
+      {"long-invoice", "pages of 40 amounts and currency mentions", 250,
+       [](int64_t n) {
+         return lmGeneratedPdf(
+             std::vector<std::string>(n, lmGeneratedLines(40, "Pos 12,34 EUR", 8, 20)));
+       }},
+      {"dense-text", "pages of 100,000 one-letter lines", 3,
+       [](int64_t n) {
+         return lmGeneratedPdf(
+             std::vector<std::string>(n, lmGeneratedLines(99990, "a", 0.005, 0.008)));
+       }},
+  };
+  return all;
+}
+
+// Analyses `pdf` in a child process: its wall time in seconds, its peak
+// resident memory in MB and the first words of its reply.
+void measure(const Shape& shape, int64_t size) {
+  int pipeFds[2];
+  if (pipe(pipeFds) != 0) return;
+  const auto start = std::chrono::steady_clock::now();
+  const pid_t child = fork();
+  if (child == 0) {
+    close(pipeFds[0]);
+    lmSetLogSink([](std::string_view) {});
+    const LMXPCReply reply = lmPerformReceiptTask(LMDictionary{{u"data", shape.make(size)}});
+    std::string outcome = reply.error ? "error: " + lmUtf8(reply.error->message)
+                                      : "gross " + lmUtf8(reply.result->at(u"gross").toString());
+    (void)!write(pipeFds[1], outcome.data(), outcome.size());
+    _exit(0);
+  }
+  close(pipeFds[1]);
+  char buffer[200] = {};
+  (void)!read(pipeFds[0], buffer, sizeof buffer - 1);
+  close(pipeFds[0]);
+  int status = 0;
+  rusage usage{};
+  wait4(child, &status, 0, &usage);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::printf("%-13s %9lld %7.2f s %7.1f MB  %s\n", shape.name, static_cast<long long>(size),
+              seconds, usage.ru_maxrss / 1024.0, WIFEXITED(status) ? buffer : "(crashed)");
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::printf("%-13s %9s %9s %10s  %s\n", "shape", "size", "time", "peak", "reply");
+  for (const Shape& shape : shapes()) {
+    bool wanted = argc < 2;
+    for (int i = 1; i < argc; ++i) wanted = wanted || shape.name == std::string(argv[i]);
+    if (!wanted) continue;
+    std::printf("# %s: size = %s\n", shape.name, shape.unit);
+    for (int64_t factor : {1, 2, 4}) measure(shape, shape.base * factor);
+  }
+  return 0;
+}
