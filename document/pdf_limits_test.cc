@@ -23,7 +23,7 @@ TEST(PdfLimitsTest, ADocumentBeyondABoundIsNotReadFurther) {
   } cases[] = {
       {"pages", lmGeneratedPdf({lmGeneratedLines(1, "x")}, 5001), LMAnalysisLimits(),
        u"Document too large: more than 5000 pages"},
-      {"a million short lines on a page", lmGeneratedPdf({lmGeneratedLines(1000000, "a", 1, 0.0007)}),
+      {"short lines on a page", lmGeneratedPdf({lmGeneratedLines(210000, "a", 0.0005, 0.001)}),
        LMAnalysisLimits(), u"Document too large: more than 200000 characters on page 1"},
       {"characters on a page", lmGeneratedPdf({lmGeneratedLines(10, "x", 8, 12), lmGeneratedLines(40, "x", 8, 12)}),
        limitsWith([](LMAnalysisLimits& l) { l.maxPageCharacters = 50; }),
