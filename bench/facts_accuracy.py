@@ -83,9 +83,10 @@ def table(title, groups):
 
         def share(field):
             known = [r[field] for r in results if r[field] is not None]
-            return 100.0 * sum(known) / len(known) if known else float("nan")
+            return 100.0 * sum(known) / len(known) if known else None
 
-        cells = "".join(f"{share(f):>9.1f}%" for f in FIELDS)
+        cells = "".join(f"{share(f):>9.1f}%" if share(f) is not None else f"{'-':>10}"
+                        for f in FIELDS)
         print(f"{name:<24}{n:>4}{cells}")
 
 
