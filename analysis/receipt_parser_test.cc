@@ -36,17 +36,14 @@ TEST(ReceiptParserTest, SampleReceiptElements) {
   ASSERT_EQ(2u, parser->dates()->size());
   EXPECT_EQ(u"14.11.2026", parser->dates()->at(0)->dateString().value_or(u""));
   for (const auto& n : *parser->numbers()) EXPECT_NE(u"14.11", n->numberString().value_or(u""));
-  auto total = std::find_if(parser->numbers()->begin(), parser->numbers()->end(),
-                            [](const auto& n) { return n->integerValue() == 1530; });
-  ASSERT_NE(total, parser->numbers()->end());
-  EXPECT_FALSE((*total)->bold());  // bold on the page, but no font weight is ever read
-  EXPECT_EQ(u"Gesamtbetrag", (*total)->features()->at(u"term").toString());
   EXPECT_EQ(std::vector<std::u16string>{u"www.baeckerei-morgenrot.example"}, *parser->links());
   EXPECT_NE(std::u16string::npos, parser->address()->find(u"10115"));
 }
 
 TEST(ReceiptParserTest, TaxesOfTheWrongKindStopTheAnalysisAtTheTaxStage) {
-  EXPECT_EQ(kLMTaxesRefused, analysed(sample(), u"19")->stopReason());
+  const auto refused = analysed(sample(), u"19");
+  EXPECT_EQ(kLMTaxesRefused, refused->stopReason());
+  EXPECT_TRUE(refused->gross());  // the gross stage ran before
   // A document without text reaches no stage, so its rates are never read.
   const auto noText = analysed(lmOpenFixture("no_text.pdf"), u"19");
   EXPECT_TRUE(noText->stopReason().empty());
