@@ -1,9 +1,9 @@
-// Element collection: runs the recognizers over every page's normalized text
-// and turns each finding into a found element placed on its page.
+#include "analysis/element_collection.h"
+
 #include <algorithm>
 #include <map>
 
-#include "analysis/receipt_parser.h"
+#include "document/pdf_document.h"
 #include "document/pdf_page.h"
 #include "document/receipt_document.h"
 #include "document/text_normalization.h"
@@ -117,56 +117,60 @@ std::u16string matchedText(std::u16string_view text, LMTextRange range) {
 
 }  // namespace
 
-void LMReceiptParser::parseElements() {
-  Numbers numbers;
-  Dates dates;
-  DateRanges dateRanges;
-  std::vector<std::u16string> addresses;
-  std::vector<std::u16string> links;
-  Elements currencyFindings;
-  Terms termFindings;
-  Terms termTaxFindings;
-  ElementCount count(limits_);
-  if (!content_) content_ = std::u16string();
+std::u16string lmAnalysisStopReason(const LMCancellation* cancellation,
+                                    const LMReceiptDocument* doc) {
+  if (lmIsCancelled(cancellation)) {
+    std::u16string message = cancellation->message();
+    return message.empty() ? u"Cancelled" : message;
+  }
+  if (doc && doc->pdfDoc()) return doc->pdfDoc()->limitExceeded().value_or(u"");
+  return std::u16string();
+}
 
-  const int64_t pageCount = doc_ ? doc_->pageCount() : 0;
+LMCollectedElements lmCollectElements(LMReceiptDocument& doc, bool ocr,
+                                      const LMAnalysisLimits& limits,
+                                      const LMCancellation* cancellation) {
+  LMCollectedElements out;
+  DateRanges dateRanges;
+  ElementCount count(limits);
+
+  const int64_t pageCount = doc.pageCount();
   // Between the recognizers: the bounds and the call's cancellation.
   auto stop = [&] {
-    if (stopReason_.empty()) stopReason_ = count.exceeded();
-    return stopped();
+    if (out.stopReason.empty()) out.stopReason = count.exceeded();
+    if (out.stopReason.empty()) out.stopReason = lmAnalysisStopReason(cancellation, &doc);
+    return !out.stopReason.empty();
   };
   for (int64_t i = 0; i < pageCount && !stop(); ++i) {
-    std::shared_ptr<const LMPdfFilePage> pdfPage = doc_->pdfDoc()->pageAtIndex(i);
+    std::shared_ptr<const LMPdfFilePage> pdfPage = doc.pdfDoc()->pageAtIndex(i);
     const LMPDFPage page(pdfPage, i);
-    content_->append(page.string());
+    out.text.append(page.string());
 
     // The adapter's page text itself, not the document's copy of it, so that
     // only the page in progress is held.
     const LMAttributedString* attributed = pdfPage ? &pdfPage->attributedString() : nullptr;
     if (!attributed || attributed->length() == 0) continue;
     count.startPage(i);
-    if (page.isLetter()) letter_ = true;
-    if (page.isLandscape()) landscape_ = true;
+    if (page.isLetter()) out.letter = true;
+    if (page.isLandscape()) out.landscape = true;
 
     const std::u16string normalized = LMPDFPage::normalizePDFString(attributed->string);
-    const PageContext context{doc_.get(),     pdfPage.get(), i, &normalized,
-                              pdfPage ? pdfPage->mediaBox() : LMRect::zero(),
-                              ocr_,           page.isLetter(), page.isLandscape()};
+    const PageContext context{&doc, pdfPage.get(), i,   &normalized, pdfPage->mediaBox(),
+                              ocr,  page.isLetter(), page.isLandscape()};
 
     LMReceiptParserCurrency currencies;
     currencies.findInText(
-        normalized, ocr_,
-        [&](std::u16string_view, LMTextRange range, const std::u16string* code) {
+        normalized, ocr, [&](std::u16string_view, LMTextRange range, const std::u16string* code) {
           if (!count.take()) return;
           auto e = std::make_shared<LMFoundElement>();
           if (code) e->setKey(*code);
           context.setUp(*e, range);
-          currencyFindings.push_back(e);
+          out.currencyFindings.push_back(e);
         });
     // The last page with text decides, also when it names no currency.
-    currency_ = currencies.currencyCode() ? LMValue(*currencies.currencyCode()) : LMValue();
+    out.currency = currencies.currencyCode() ? LMValue(*currencies.currencyCode()) : LMValue();
 
-    auto termBlock = [&](Terms& into) {
+    auto termBlock = [&](LMFoundTerms& into) {
       return [&context, &into, &count](std::u16string_view, LMTextRange range,
                                        const LMDictionary& info) {
         if (!count.take()) return;
@@ -177,12 +181,12 @@ void LMReceiptParser::parseElements() {
         into.push_back(t);
       };
     };
-    LMReceiptParserTerm().findInText(normalized, ocr_, termBlock(termFindings));
-    LMReceiptParserTerm().findTaxTermsInText(normalized, ocr_, termBlock(termTaxFindings));
+    LMReceiptParserTerm().findInText(normalized, ocr, termBlock(out.grossTerms));
+    LMReceiptParserTerm().findTaxTermsInText(normalized, ocr, termBlock(out.taxTerms));
     if (stop()) break;
 
     std::u16string dateText = normalized;
-    if (ocr_) {
+    if (ocr) {
       normalizeLike(dateText, u"'");
       normalizeLike(dateText, u"-");
       normalizeLike(dateText, u".");
@@ -195,7 +199,7 @@ void LMReceiptParser::parseElements() {
           d->setDateString(matchedText(text, range));
           context.setUp(*d, range);
           dateRanges.add(range);
-          dates.push_back(d);
+          out.dates.push_back(d);
         });
 
     if (stop()) break;
@@ -204,18 +208,18 @@ void LMReceiptParser::parseElements() {
     for (LMDictionary& finding : LMReceiptParserBank().findBankInfoInText(normalized)) {
       banks.emplace_back(std::move(finding));
     }
-    banks_ = LMValue(std::move(banks));
+    out.banks = LMValue(std::move(banks));
 
     if (pdfPage) {
       for (const LMPdfLink& link : pdfPage->links()) {
         std::u16string lowered = lmLower(link.url);
-        if (isWebLink(lowered)) links.push_back(std::move(lowered));
+        if (isWebLink(lowered)) out.links.push_back(std::move(lowered));
       }
     }
 
     // The detector's dates are a fallback for documents in which the date
     // recognizer found nothing so far.
-    const bool noDatesYet = dates.empty();
+    const bool noDatesYet = out.dates.empty();
     for (const LMDetectedItem& item : LMDataDetector().findInText(normalized)) {
       switch (item.type) {
         case LMDetectedType::kDate:
@@ -225,18 +229,18 @@ void LMReceiptParser::parseElements() {
             d->setDateString(matchedText(normalized, item.range));
             context.setUp(*d, item.range);
             dateRanges.add(item.range);
-            dates.push_back(d);
+            out.dates.push_back(d);
           }
           break;
         case LMDetectedType::kLink: {
           std::u16string lowered = lmLower(matchedText(normalized, item.range));
-          if (isWebLink(lowered)) links.push_back(std::move(lowered));
+          if (isWebLink(lowered)) out.links.push_back(std::move(lowered));
           break;
         }
         case LMDetectedType::kAddress: {
           std::u16string description = LMValue(item.addressComponents).description();
-          if (!address_) address_ = description;
-          addresses.push_back(std::move(description));
+          if (!out.address) out.address = description;
+          out.addresses.push_back(std::move(description));
           break;
         }
       }
@@ -245,7 +249,7 @@ void LMReceiptParser::parseElements() {
     if (stop()) break;
 
     std::u16string amountText = normalized;
-    if (ocr_) {
+    if (ocr) {
       normalizeLike(amountText, u"'");
       normalizeLike(amountText, u"-");
     }
@@ -262,15 +266,9 @@ void LMReceiptParser::parseElements() {
           // Only numbers carry their diagnostic notes into the result, so
           // only they keep them.
           n->keepDebugInfo();
-          numbers.push_back(n);
+          out.numbers.push_back(n);
         });
   }
 
-  numbers_ = std::move(numbers);
-  dates_ = std::move(dates);
-  addresses_ = std::move(addresses);
-  links_ = std::move(links);
-  currencyFindings_ = std::move(currencyFindings);
-  termFindings_ = std::move(termFindings);
-  termTaxFindings_ = std::move(termTaxFindings);
+  return out;
 }

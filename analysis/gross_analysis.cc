@@ -1,20 +1,15 @@
-// Gross amount analysis: scores every plausible amount by font size,
-// boldness, horizontal position, two decimal places and nearness of a gross
-// term, and takes the best as gross, net and (through its nearest currency
-// mention) currency.
+#include "analysis/gross_analysis.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
 
-#include "analysis/receipt_parser.h"
 #include "analysis/term_assignment.h"
 
 namespace {
 
-using Numbers = LMReceiptParser::Numbers;
-
-Numbers filtered(const Numbers& numbers, bool (*keep)(const LMFoundNumber&)) {
-  Numbers out;
+LMFoundNumbers filtered(const LMFoundNumbers& numbers, bool (*keep)(const LMFoundNumber&)) {
+  LMFoundNumbers out;
   for (const auto& n : numbers) {
     if (keep(*n)) out.push_back(n);
   }
@@ -23,8 +18,10 @@ Numbers filtered(const Numbers& numbers, bool (*keep)(const LMFoundNumber&)) {
 
 }  // namespace
 
-void LMReceiptParser::analyzeAmountElements() {
-  const Numbers all = numbers_.value_or(Numbers());
+LMGrossAnalysis lmAnalyzeGross(const LMFoundNumbers& all, const LMFoundElements& currencyFindings,
+                               const LMFoundTerms& grossTerms, const LMValue& collected,
+                               const LMValue& fallback) {
+  LMGrossAnalysis out;
   double smallestFont = std::numeric_limits<double>::infinity();
   double largestFont = 0;
   double maxRight = 0;
@@ -41,14 +38,14 @@ void LMReceiptParser::analyzeAmountElements() {
     mediumFont = (smallestFont + largestFont) * 0.5;
   }
 
-  numbers_ = filtered(all, [](const LMFoundNumber& n) {
+  out.numbers = filtered(all, [](const LMFoundNumber& n) {
     return n.decimalPlaces() >= 2 && n.integerValue() >= 0;
   });
-  const Numbers candidates = filtered(*numbers_, [](const LMFoundNumber& n) {
+  const LMFoundNumbers candidates = filtered(out.numbers, [](const LMFoundNumber& n) {
     return n.decimalPlaces() == 2 && n.integerValue() > 0;
   });
 
-  const auto currenciesByPage = lmGroupByPage(currencyFindings_.value_or(Elements()));
+  const auto currenciesByPage = lmGroupByPage(currencyFindings);
   for (const auto& candidate : candidates) {
     double best = std::numeric_limits<double>::infinity();
     const auto onPage = currenciesByPage.find(candidate->page());
@@ -63,7 +60,7 @@ void LMReceiptParser::analyzeAmountElements() {
   }
 
   const double maxGrossFactor = lmAssignNearestTerms(
-      candidates, termFindings_.value_or(Terms()),
+      candidates, grossTerms,
       [](LMFoundNumber& n, double d) { n.setGrossFactor(d); });
 
   for (const auto& candidate : candidates) {
@@ -93,20 +90,23 @@ void LMReceiptParser::analyzeAmountElements() {
     candidate->keepDebugInfo();
   }
 
-  Numbers ranked = candidates;
+  LMFoundNumbers ranked = candidates;
   std::stable_sort(ranked.begin(), ranked.end(), [](const auto& a, const auto& b) {
     if (a->sortWeight() != b->sortWeight()) return a->sortWeight() > b->sortWeight();
     return a->integerValue() > b->integerValue();
   });
 
   if (!ranked.empty()) {
-    gross_ = ranked.front()->decimalNumber();
+    out.gross = ranked.front()->decimalNumber();
     // The net is deliberately the gross; no later stage changes it.
-    net_ = gross_;
+    out.net = out.gross;
   }
   if (!ranked.empty() && ranked.front()->currencyCode()) {
-    currency_ = LMValue(*ranked.front()->currencyCode());
-  } else if (currency_.isNil() || currency_.isNull()) {
-    currency_ = defaultCurrency_;
+    out.currency = LMValue(*ranked.front()->currencyCode());
+  } else if (collected.isNil() || collected.isNull()) {
+    out.currency = fallback;
+  } else {
+    out.currency = collected;
   }
+  return out;
 }

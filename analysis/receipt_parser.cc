@@ -1,6 +1,9 @@
 #include "analysis/receipt_parser.h"
 
-#include "document/pdf_document.h"
+#include "analysis/date_analysis.h"
+#include "analysis/element_collection.h"
+#include "analysis/gross_analysis.h"
+#include "analysis/tax_analysis.h"
 #include "document/receipt_document.h"
 #include "kit/diagnostics.h"
 
@@ -42,24 +45,48 @@ bool LMReceiptParser::work() {
   if (stopped()) return false;
   LMAssert(text_);
   if (!text_) return true;
-  parseElements();
+
+  LMCollectedElements collected = lmCollectElements(*doc_, ocr_, limits_, cancellation_);
+  stopReason_ = std::move(collected.stopReason);
+  content_ = std::move(collected.text);
+  letter_ = collected.letter;
+  landscape_ = collected.landscape;
+  dates_ = std::move(collected.dates);
+  addresses_ = std::move(collected.addresses);
+  address_ = std::move(collected.address);
+  links_ = std::move(collected.links);
+  currencyFindings_ = std::move(collected.currencyFindings);
+  termFindings_ = std::move(collected.grossTerms);
+  termTaxFindings_ = std::move(collected.taxTerms);
+  banks_ = std::move(collected.banks);
+  numbers_ = std::move(collected.numbers);
+  currency_ = std::move(collected.currency);
   if (stopped()) return false;
-  analyzeAmountElements();
+
+  LMGrossAnalysis gross =
+      lmAnalyzeGross(*numbers_, *currencyFindings_, *termFindings_, currency_, defaultCurrency_);
+  numbers_ = std::move(gross.numbers);
+  gross_ = gross.gross;
+  net_ = gross.net;
+  currency_ = std::move(gross.currency);
   if (stopped()) return false;
-  analyzeTaxElements();
+
+  const std::optional<std::vector<LMTaxRate>> rates = lmTaxRates(taxes_);
+  if (!rates) {
+    stopReason_ = kLMTaxesRefused;
+    return false;
+  }
+  tax_ = lmAnalyzeTax(*rates, gross_, *numbers_, *termTaxFindings_);
   if (stopped()) return false;
-  analyzeDateElements();
+
+  LMDateAnalysis dates = lmAnalyzeDates(std::move(*dates_), LMDate::now());
+  dates_ = std::move(dates.dates);
+  date_ = dates.date;
   return true;
 }
 
 bool LMReceiptParser::stopped() {
-  if (!stopReason_.empty()) return true;
-  if (lmIsCancelled(cancellation_)) {
-    stopReason_ = cancellation_->message();
-    if (stopReason_.empty()) stopReason_ = u"Cancelled";
-  } else if (doc_ && doc_->pdfDoc()) {
-    stopReason_ = doc_->pdfDoc()->limitExceeded().value_or(u"");
-  }
+  if (stopReason_.empty()) stopReason_ = lmAnalysisStopReason(cancellation_, doc_.get());
   return !stopReason_.empty();
 }
 

@@ -1,15 +1,17 @@
 // LMReceiptParser: the analysis of one opened receipt document.
 //
 // Set doc, defaultCurrency and taxes, call work() once, then read result().
-// work() runs four stages in a fixed order: element collection (every page's
-// amounts, dates, terms, currencies, bank accounts, links and addresses become
-// found elements), gross amount analysis, tax analysis and date analysis.
+// work() runs four stages in a fixed order, each a function from its inputs
+// to its outputs: lmCollectElements (every page's amounts, dates, terms,
+// currencies, bank accounts, links and addresses become found elements),
+// lmAnalyzeGross, lmAnalyzeTax and lmAnalyzeDates. The parser holds what
+// they hand on.
 //
-// A parser is used once, by one thread. Values of the wrong kind in `taxes`
-// (anything but an array of numbers or numeric texts) throw
-// std::invalid_argument from work(); everything else fails soft. A document
-// beyond the limits, or a call cancelled while it runs, stops the analysis
-// early: work() answers false and stopReason() says why.
+// A parser is used once, by one thread. Nothing throws. A document beyond
+// the limits, a call cancelled while it runs, or `taxes` of the wrong kind
+// (anything but an array of numbers or numeric texts, found when the tax
+// stage is reached) stop the analysis early: work() answers false and
+// stopReason() says why.
 #pragma once
 #include <cstdint>
 #include <memory>
@@ -17,10 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "elements/found_date.h"
-#include "elements/found_element.h"
-#include "elements/found_number.h"
-#include "elements/found_term.h"
+#include "elements/element_lists.h"
 #include "kit/cancellation.h"
 #include "kit/decimal.h"
 #include "kit/limits.h"
@@ -30,10 +29,10 @@ class LMReceiptDocument;
 
 class LMReceiptParser {
  public:
-  using Numbers = std::vector<std::shared_ptr<LMFoundNumber>>;
-  using Dates = std::vector<std::shared_ptr<LMFoundDate>>;
-  using Terms = std::vector<std::shared_ptr<LMFoundTerm>>;
-  using Elements = std::vector<std::shared_ptr<LMFoundElement>>;
+  using Numbers = LMFoundNumbers;
+  using Dates = LMFoundDates;
+  using Terms = LMFoundTerms;
+  using Elements = LMFoundElements;
 
   LMReceiptParser();
   ~LMReceiptParser();
@@ -57,8 +56,9 @@ class LMReceiptParser {
   // Runs the whole analysis: true when it ran to its end, false when it
   // stopped early (see stopReason()).
   bool work();
-  // Why work() stopped early: the cancellation's message, or the message
-  // naming the bound the document went beyond. Empty after a complete run.
+  // Why work() stopped early: the cancellation's message, the message naming
+  // the bound the document went beyond, or kLMTaxesRefused. Empty after a
+  // complete run.
   const std::u16string& stopReason() const { return stopReason_; }
   // The 21-key result dictionary built from the current state; the null
   // marker stands for every missing value, "factors" is always an (empty)
@@ -87,22 +87,6 @@ class LMReceiptParser {
   const std::optional<Terms>& termFindings() const { return termFindings_; }
   const std::optional<Terms>& termTaxFindings() const { return termTaxFindings_; }
 
-  // The stages, in the order work() runs them. Public for tests that feed
-  // hand-made elements to a single stage.
-  void parseElements();
-  void analyzeAmountElements();
-  void analyzeTaxElements();
-  void analyzeDateElements();
-
-  // Inputs of the analysis stages, filled by parseElements().
-  void setNumbers(Numbers numbers) { numbers_ = std::move(numbers); }
-  void setDates(Dates dates) { dates_ = std::move(dates); }
-  void setCurrencyFindings(Elements e) { currencyFindings_ = std::move(e); }
-  void setTermFindings(Terms t) { termFindings_ = std::move(t); }
-  void setTermTaxFindings(Terms t) { termTaxFindings_ = std::move(t); }
-  void setCurrency(LMValue currency) { currency_ = std::move(currency); }
-  void setGross(std::optional<LMDecimal> gross) { gross_ = gross; }
-
  private:
   // True, with stopReason_ set, once the call is cancelled or the document
   // went beyond one of its bounds.
@@ -126,7 +110,6 @@ class LMReceiptParser {
   std::optional<LMDecimal> tax_;
   LMValue currency_;
   std::optional<LMDate> date_;
-  std::optional<std::u16string> dateString_;  // declared, never filled
   std::optional<std::u16string> address_;
 
   std::optional<std::u16string> content_;

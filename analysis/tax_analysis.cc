@@ -1,50 +1,40 @@
-// Tax analysis: for every configured rate, the tax such a rate includes in
-// the gross; amounts within three hundredths of one of those, or near a tax
-// term, score, and the best scoring amount above 0.5 becomes the tax.
-#include <algorithm>
-#include <stdexcept>
+#include "analysis/tax_analysis.h"
 
-#include "analysis/receipt_parser.h"
+#include <algorithm>
+
 #include "analysis/term_assignment.h"
 #include "kit/unicode.h"
 
 namespace {
 
-struct Rate {
-  std::u16string text;  // as given, for the feature name
-  LMDecimal percent;
-};
+std::u16string integerText(int64_t v) { return lmUtf16(std::to_string(v)); }
 
-// The configured rates; a value of the wrong kind is the caller's error.
-std::vector<Rate> ratesFrom(const LMValue& taxes) {
-  std::vector<Rate> rates;
+}  // namespace
+
+std::optional<std::vector<LMTaxRate>> lmTaxRates(const LMValue& taxes) {
+  std::vector<LMTaxRate> rates;
   if (taxes.isNil() || taxes.isNull()) return rates;
   const LMArray* array = taxes.asArray();
-  if (!array) throw std::invalid_argument("taxes must be an array of numbers");
+  if (!array) return std::nullopt;
   for (const LMValue& rate : *array) {
-    if (!rate.isNumber() && !rate.asString()) {
-      throw std::invalid_argument("taxes must be an array of numbers");
-    }
+    if (!rate.isNumber() && !rate.asString()) return std::nullopt;
     const std::u16string text = rate.toString();
     rates.push_back({text, LMDecimal::fromString(text).value_or(LMDecimal::notANumber())});
   }
   return rates;
 }
 
-std::u16string integerText(int64_t v) { return lmUtf16(std::to_string(v)); }
-
-}  // namespace
-
-void LMReceiptParser::analyzeTaxElements() {
-  const std::vector<Rate> rates = ratesFrom(taxes_);
-  const LMDecimal gross = gross_.value_or(LMDecimal::notANumber());
+std::optional<LMDecimal> lmAnalyzeTax(const std::vector<LMTaxRate>& rates,
+                                      const std::optional<LMDecimal>& grossFound,
+                                      const LMFoundNumbers& numbers, const LMFoundTerms& taxTerms) {
+  const LMDecimal gross = grossFound.value_or(LMDecimal::notANumber());
   // Without a gross every expectation is 0 and no amount is a candidate.
   const int64_t ceiling =
-      gross_ ? (gross * LMDecimal::fromString("0.30").value()).amountIntegerValue() : 0;
+      grossFound ? (gross * LMDecimal::fromString("0.30").value()).amountIntegerValue() : 0;
   const LMDecimal hundred = LMDecimal::fromInt(100);
   std::vector<int64_t> expected;
-  for (const Rate& rate : rates) {
-    if (!gross_) {
+  for (const LMTaxRate& rate : rates) {
+    if (!grossFound) {
       expected.push_back(0);
       continue;
     }
@@ -52,8 +42,8 @@ void LMReceiptParser::analyzeTaxElements() {
     expected.push_back((gross - netPart * hundred).amountIntegerValue());
   }
 
-  Numbers candidates;
-  for (const auto& n : numbers_.value_or(Numbers())) {
+  LMFoundNumbers candidates;
+  for (const auto& n : numbers) {
     if (!n->features()) n->setFeatures(LMDictionary());
     if (n->decimalPlaces() >= 2 && n->integerValue() > 0 && n->integerValue() <= ceiling) {
       candidates.push_back(n);
@@ -61,7 +51,7 @@ void LMReceiptParser::analyzeTaxElements() {
   }
 
   const double maxTaxFactor =
-      lmAssignNearestTerms(candidates, termTaxFindings_.value_or(Terms()),
+      lmAssignNearestTerms(candidates, taxTerms,
                            [](LMFoundNumber& n, double d) { n.setTaxFactor(d); });
 
   for (const auto& candidate : candidates) {
@@ -87,13 +77,12 @@ void LMReceiptParser::analyzeTaxElements() {
     candidate->setSortWeight(weight);
   }
 
-  Numbers ranked = candidates;
+  LMFoundNumbers ranked = candidates;
   // Among equal scores the smaller amount is preferred, unlike the gross.
   std::stable_sort(ranked.begin(), ranked.end(), [](const auto& a, const auto& b) {
     if (a->sortWeight() != b->sortWeight()) return a->sortWeight() > b->sortWeight();
     return a->integerValue() < b->integerValue();
   });
-  if (!ranked.empty() && ranked.front()->sortWeight() > 0.5) {
-    tax_ = ranked.front()->decimalNumber();
-  }
+  if (!ranked.empty() && ranked.front()->sortWeight() > 0.5) return ranked.front()->decimalNumber();
+  return std::nullopt;
 }
