@@ -269,6 +269,8 @@ LMCollectedElements lmCollectElements(LMReceiptDocument& doc, bool ocr,
           out.numbers.push_back(n);
         });
   }
+  // The amounts of the last page can be the ones that cross a bound.
+  if (out.stopReason.empty()) out.stopReason = count.exceeded();
 
   return out;
 }

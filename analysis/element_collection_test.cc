@@ -7,9 +7,10 @@
 
 namespace {
 
-LMCollectedElements collected(std::shared_ptr<LMPDFDocument> pdf, bool ocr = false) {
+LMCollectedElements collected(std::shared_ptr<LMPDFDocument> pdf, bool ocr = false,
+                               const LMAnalysisLimits& limits = LMAnalysisLimits()) {
   LMReceiptDocument doc(std::move(pdf));
-  return lmCollectElements(doc, ocr, LMAnalysisLimits(), nullptr);
+  return lmCollectElements(doc, ocr, limits, nullptr);
 }
 
 std::shared_ptr<LMPDFDocument> fakeDocument(const std::vector<std::u16string>& pageTexts) {
@@ -52,6 +53,28 @@ TEST(ElementCollectionTest, DetectorDatesOnlyWhenTheRecognizerFoundNone) {
   };
   EXPECT_EQ(u"2021-03-03", day(collected(fakeDocument({u"Invoice date: March 3rd, 2021"}))));
   EXPECT_EQ(u"2023-12-24", day(collected(fakeDocument({u"Datum 24.12.2023", u"March 3rd, 2021"}))));
+}
+
+TEST(ElementCollectionTest, CrossingAnElementBoundStopsTheCollection) {
+  // Three amounts per page; the bound is crossed on the last page too.
+  const std::u16string page = u"1,00 2,00 3,00";
+  struct Case {
+    int64_t perPage, perDocument;
+    std::vector<std::u16string> pages;
+    std::u16string stopReason;
+  } cases[] = {
+      {2, 100, {page}, u"Document too large: more than 2 found elements on page 1"},
+      {2, 100, {u"Danke", page}, u"Document too large: more than 2 found elements on page 2"},
+      {3, 5, {page, page}, u"Document too large: more than 5 found elements in the document"},
+      {3, 6, {page, page}, u""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.perPage);
+    LMAnalysisLimits limits;
+    limits.maxPageElements = c.perPage;
+    limits.maxDocumentElements = c.perDocument;
+    EXPECT_EQ(c.stopReason, collected(fakeDocument(c.pages), false, limits).stopReason);
+  }
 }
 
 TEST(ElementCollectionTest, OcrDocumentsFoldSeparatorsForDatesOnly) {
