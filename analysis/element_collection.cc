@@ -26,7 +26,7 @@ bool isWebLink(const std::u16string& lowered) {
 // What every element of one page shares.
 struct PageContext {
   LMReceiptDocument* doc;
-  const LMPdfFilePage* pdfPage;
+  const LMPdfSourcePage* pdfPage;
   int64_t index;
   const std::u16string* normalized;
   LMRect pageBox;
@@ -136,7 +136,7 @@ void LMReceiptParser::parseElements() {
     return stopped();
   };
   for (int64_t i = 0; i < pageCount && !stop(); ++i) {
-    std::shared_ptr<const LMPdfFilePage> pdfPage = doc_->pdfDoc()->pageAtIndex(i);
+    std::shared_ptr<const LMPdfSourcePage> pdfPage = doc_->pdfDoc()->pageAtIndex(i);
     const LMPDFPage page(pdfPage, i);
     content_->append(page.string());
 

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "analysis/receipt_parser.h"
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "document/receipt_document.h"
 
 namespace {
@@ -26,10 +26,10 @@ std::shared_ptr<LMPDFDocument> sample() {
 }
 
 std::shared_ptr<LMPDFDocument> fakeDocument(const std::vector<std::u16string>& pageTexts) {
-  auto file = std::make_shared<LMFakePdfFile>();
+  auto file = std::make_shared<LMFakePdfSource>();
   std::u16string all;
   for (const auto& text : pageTexts) {
-    file->pages_.push_back(LMFakePdfPage::withLines({{text, {72, 700, 200, 12}}}));
+    file->pages_.push_back(LMFakePdfSourcePage::withLines({{text, {72, 700, 200, 12}}}));
     all += text;
   }
   file->string_ = all;

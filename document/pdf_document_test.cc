@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "kit/unicode.h"
 
 namespace {
@@ -29,7 +29,7 @@ TEST(PDFDocumentTest, RecognisesOCRProgramsFromCreatorThenProducer) {
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.creator.value_or(u"<none>")) + " / " +
                  lmUtf8(c.producer.value_or(u"<none>")));
-    auto file = std::make_shared<LMFakePdfFile>();
+    auto file = std::make_shared<LMFakePdfSource>();
     file->creator_ = c.creator;
     file->producer_ = c.producer;
     EXPECT_EQ(c.ocr, LMPDFDocument(file).isOCRDocument());

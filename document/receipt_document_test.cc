@@ -3,17 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "kit/unicode.h"
 
 namespace {
 
 // A document of two pages: page 0 with text, page 1 without.
-std::shared_ptr<LMFakePdfFile> twoPageFile() {
-  auto withText = LMFakePdfPage::withLines({{u"Summe 14,30", {72, 700, 80, 12}}});
+std::shared_ptr<LMFakePdfSource> twoPageFile() {
+  auto withText = LMFakePdfSourcePage::withLines({{u"Summe 14,30", {72, 700, 80, 12}}});
   withText->bounds_[{6, 5}] = LMRect{120, 700, 32, 12};
-  auto file = std::make_shared<LMFakePdfFile>();
-  file->pages_ = {withText, LMFakePdfPage::withLines({})};
+  auto file = std::make_shared<LMFakePdfSource>();
+  file->pages_ = {withText, LMFakePdfSourcePage::withLines({})};
   return file;
 }
 
