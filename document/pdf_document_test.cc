@@ -43,20 +43,4 @@ TEST(PDFDocumentTest, UnreadableBytesGiveNoDocument) {
   EXPECT_FALSE(none.isOCRDocument());
 }
 
-TEST(PDFDocumentFixtureTest, ReadsTheOCRMarksOfRealFiles) {
-  struct Case {
-    const char* file;
-    bool ocr;
-  } cases[] = {
-      {"ocr_creator.pdf", true}, {"ocr_producer.pdf", true}, {"a4_portrait.pdf", false},
-      {"no_text.pdf", false},  // no document information at all
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    const auto document = lmOpenFixture(c.file);
-    ASSERT_NE(nullptr, document);
-    EXPECT_EQ(c.ocr, document->isOCRDocument());
-  }
-}
-
 }  // namespace

@@ -85,13 +85,4 @@ TEST(ReceiptDocumentTest, NullDocumentLogsAndHasNoPages) {
   EXPECT_TRUE(document.boundsForTextRange({0, 0}, 0).isNull());
 }
 
-TEST(ReceiptDocumentFixtureTest, PageWithoutTextInARealFile) {
-  LMReceiptDocument empty(lmOpenFixture("no_text.pdf"));
-  ASSERT_EQ(1, empty.pageCount());
-  EXPECT_TRUE(empty.stringForPage(0).isNil());
-  EXPECT_TRUE(empty.stringForPage(0).isNull());
-  EXPECT_EQ(nullptr, empty.attributedStringForPage(0));
-  EXPECT_EQ(std::nullopt, empty.text());
-}
-
 }  // namespace
