@@ -26,7 +26,7 @@ bool isWebLink(const std::u16string& lowered) {
 // What every element of one page shares.
 struct PageContext {
   LMReceiptDocument* doc;
-  const LMPdfFilePage* pdfPage;
+  const LMPdfSourcePage* pdfPage;
   int64_t index;
   const std::u16string* normalized;
   LMRect pageBox;
@@ -142,7 +142,7 @@ LMCollectedElements lmCollectElements(LMReceiptDocument& doc, bool ocr,
     return !out.stopReason.empty();
   };
   for (int64_t i = 0; i < pageCount && !stop(); ++i) {
-    std::shared_ptr<const LMPdfFilePage> pdfPage = doc.pdfDoc()->pageAtIndex(i);
+    std::shared_ptr<const LMPdfSourcePage> pdfPage = doc.pdfDoc()->pageAtIndex(i);
     const LMPDFPage page(pdfPage, i);
     out.text.append(page.string());
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "document/receipt_document.h"
 
 namespace {
@@ -14,10 +14,10 @@ LMCollectedElements collected(std::shared_ptr<LMPDFDocument> pdf, bool ocr = fal
 }
 
 std::shared_ptr<LMPDFDocument> fakeDocument(const std::vector<std::u16string>& pageTexts) {
-  auto file = std::make_shared<LMFakePdfFile>();
+  auto file = std::make_shared<LMFakePdfSource>();
   file->string_ = std::u16string();
   for (const auto& text : pageTexts) {
-    file->pages_.push_back(LMFakePdfPage::withLines({{text, {72, 700, 200, 12}}}));
+    file->pages_.push_back(LMFakePdfSourcePage::withLines({{text, {72, 700, 200, 12}}}));
     *file->string_ += text;
   }
   return std::make_shared<LMPDFDocument>(file);

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "analysis/tax_analysis.h"
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "document/receipt_document.h"
 
 namespace {

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "document/pdf_file.h"
+#include "document/pdf_source.h"
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
 #include "kit/value.h"
@@ -94,7 +94,7 @@ int main(int argc, char** argv) {
     bool opened = false;
     std::string text;
     {
-      auto file = readable ? lmOpenPdfFile(bytes) : nullptr;
+      auto file = readable ? lmOpenPdfSource(bytes) : nullptr;
       opened = file != nullptr;
       if (file) {
         pages = file->pageCount();

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "document/pdf_file.h"
+#include "document/pdf_source.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ std::string corpusDir() {
 // Opens `bytes` and builds every page once per iteration.
 void openAndBuildPages(benchmark::State& state, const std::string& path, bool buildPages) {
   const std::vector<uint8_t> bytes = readBytes(path);
-  auto probe = bytes.empty() ? nullptr : lmOpenPdfFile(bytes);
+  auto probe = bytes.empty() ? nullptr : lmOpenPdfSource(bytes);
   if (!probe) {
     state.SkipWithError(("cannot open " + path).c_str());
     return;
@@ -33,7 +33,7 @@ void openAndBuildPages(benchmark::State& state, const std::string& path, bool bu
   const int64_t pages = probe->pageCount();
   probe.reset();
   for (auto _ : state) {
-    auto file = lmOpenPdfFile(bytes);
+    auto file = lmOpenPdfSource(bytes);
     if (buildPages) {
       for (int64_t i = 0; i < file->pageCount(); ++i) {
         auto page = file->pageAtIndex(i);

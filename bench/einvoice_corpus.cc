@@ -23,7 +23,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "document/pdf_file.h"
+#include "document/pdf_source.h"
 #include "einvoice/attachment_selection.h"
 #include "einvoice/einvoice.h"
 #include "kit/diagnostics.h"
@@ -104,7 +104,7 @@ void compareRow(const char* label, const std::string& file, const nlohmann::json
 // The chosen e-invoice's bytes on standard output; 1 when there is none.
 int printXml(const fs::path& pdfPath) {
   std::vector<uint8_t> bytes = readBytes(pdfPath);
-  auto pdf = lmOpenPdfFile(bytes);
+  auto pdf = lmOpenPdfSource(bytes);
   if (!pdf) return 1;
   std::vector<LMPdfAttachment> attachments = pdf->attachments();
   std::vector<LMEInvoiceCandidate> candidates;
@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
     ++s.files;
     s.xmlRows += xmlTruth;
     std::vector<uint8_t> bytes = readBytes(folder / file);
-    auto pdf = lmOpenPdfFile(bytes);
+    auto pdf = lmOpenPdfSource(bytes);
     std::vector<LMPdfAttachment> attachments;
     auto start = std::chrono::steady_clock::now();
     if (pdf) attachments = pdf->attachments();

@@ -1,8 +1,8 @@
-// PDFs written in memory for tests and benchmarks of the limits: A4 pages of
-// Helvetica text with uncompressed content streams, small enough to build
-// in a test and shaped like the hostile documents the limits are for (one
-// page crowded with amounts, tens of thousands of lines, thousands of pages
-// sharing one content stream).
+// PDFs written in memory for tests and benchmarks: any list of objects, and
+// for the limits A4 pages of Helvetica text with uncompressed content
+// streams, small enough to build in a test and shaped like the hostile
+// documents the limits are for (one page crowded with amounts, tens of
+// thousands of lines, thousands of pages sharing one content stream).
 #pragma once
 #include <cstdint>
 #include <string>
@@ -29,6 +29,25 @@ inline std::string lmGeneratedLines(int64_t count, const std::string& text, doub
     content += line;
   }
   return content + (count > 0 ? "ET" : "BT ET");
+}
+
+// A PDF of `objects` (object n at index n - 1, the catalog first) with a
+// correct cross-reference table.
+inline std::string lmPdfWithObjects(const std::vector<std::string>& objects) {
+  std::string pdf = "%PDF-1.7\n";
+  std::vector<size_t> offsets;
+  for (size_t i = 0; i < objects.size(); ++i) {
+    offsets.push_back(pdf.size());
+    pdf += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+  }
+  const size_t xref = pdf.size();
+  pdf += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
+  for (size_t offset : offsets) {
+    std::string number = std::to_string(offset);
+    pdf += std::string(10 - number.size(), '0') + number + " 00000 n \n";
+  }
+  return pdf + "trailer\n<</Size " + std::to_string(objects.size() + 1) +
+         "/Root 1 0 R>>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
 }
 
 // A PDF with one page per entry of `contents`; with `sharedPages` > 0, one
@@ -60,19 +79,6 @@ inline LMData lmGeneratedPdf(const std::vector<std::string>& contents, int64_t s
   }
   objects[1] = "<</Type/Pages/Count " + std::to_string(count) + "/Kids[" + kids + "]>>";
 
-  std::string pdf = "%PDF-1.4\n";
-  std::vector<size_t> offsets;
-  for (size_t i = 0; i < objects.size(); ++i) {
-    offsets.push_back(pdf.size());
-    pdf += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-  }
-  const size_t xref = pdf.size();
-  pdf += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-  for (size_t offset : offsets) {
-    std::string number = std::to_string(offset);
-    pdf += std::string(10 - number.size(), '0') + number + " 00000 n \n";
-  }
-  pdf += "trailer\n<</Size " + std::to_string(objects.size() + 1) +
-         "/Root 1 0 R>>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
+  const std::string pdf = lmPdfWithObjects(objects);
   return LMData(pdf.begin(), pdf.end());
 }

@@ -1,6 +1,6 @@
 // What keeps one MuPDF document within bounds and quiet: its allocator's
 // memory budget, the glyph budget of the page being read, and the collector
-// of MuPDF's warnings. Used by the PDF adapter only (pdf_file_mupdf.cc).
+// of MuPDF's warnings. Used by the PDF adapter only (mupdf_state.h).
 //
 // Called from inside MuPDF (C frames): nothing here throws.
 #pragma once

@@ -48,33 +48,33 @@ bool anyMatches(const PatternList& patterns, const std::u16string& text) {
 
 std::shared_ptr<LMPDFDocument> LMPDFDocument::initWithData(std::span<const uint8_t> data,
                                                            const LMPdfOpenOptions& options) {
-  std::shared_ptr<LMPdfFile> file = lmOpenPdfFile(data, options);
+  std::shared_ptr<LMPdfSource> file = lmOpenPdfSource(data, options);
   if (!file) return nullptr;
   return std::make_shared<LMPDFDocument>(std::move(file));
 }
 
-LMPDFDocument::LMPDFDocument(std::shared_ptr<LMPdfFile> file) : file_(std::move(file)) {}
+LMPDFDocument::LMPDFDocument(std::shared_ptr<LMPdfSource> source) : source_(std::move(source)) {}
 
-int64_t LMPDFDocument::pageCount() const { return file_ ? file_->pageCount() : 0; }
+int64_t LMPDFDocument::pageCount() const { return source_ ? source_->pageCount() : 0; }
 
-std::shared_ptr<const LMPdfFilePage> LMPDFDocument::pageAtIndex(int64_t index) const {
-  return file_ ? file_->pageAtIndex(index) : nullptr;
+std::shared_ptr<const LMPdfSourcePage> LMPDFDocument::pageAtIndex(int64_t index) const {
+  return source_ ? source_->pageAtIndex(index) : nullptr;
 }
 
 std::optional<std::u16string> LMPDFDocument::creator() const {
-  return file_ ? file_->creator() : std::nullopt;
+  return source_ ? source_->creator() : std::nullopt;
 }
 
 std::optional<std::u16string> LMPDFDocument::producer() const {
-  return file_ ? file_->producer() : std::nullopt;
+  return source_ ? source_->producer() : std::nullopt;
 }
 
 std::optional<std::u16string> LMPDFDocument::string() const {
-  return file_ ? file_->string() : std::nullopt;
+  return source_ ? source_->string() : std::nullopt;
 }
 
 std::optional<std::u16string> LMPDFDocument::limitExceeded() const {
-  return file_ ? file_->limitExceeded() : std::nullopt;
+  return source_ ? source_->limitExceeded() : std::nullopt;
 }
 
 bool LMPDFDocument::isOCRDocument() const {

@@ -17,7 +17,7 @@
 #include <span>
 #include <string>
 
-#include "document/pdf_file.h"
+#include "document/pdf_source.h"
 
 class LMPDFDocument {
  public:
@@ -26,24 +26,24 @@ class LMPDFDocument {
   static std::shared_ptr<LMPDFDocument> initWithData(std::span<const uint8_t> data,
                                                      const LMPdfOpenOptions& options = {});
 
-  // Wraps an opened file. A null file gives a document without pages,
+  // Wraps an opened source. A null source gives a document without pages,
   // metadata or text.
-  explicit LMPDFDocument(std::shared_ptr<LMPdfFile> file);
+  explicit LMPDFDocument(std::shared_ptr<LMPdfSource> source);
 
-  // The wrapped file (may be null).
-  const std::shared_ptr<LMPdfFile>& file() const { return file_; }
+  // The wrapped source (may be null).
+  const std::shared_ptr<LMPdfSource>& source() const { return source_; }
 
   int64_t pageCount() const;
   // Page `index`, or null when the index is out of range or the page cannot
   // be read.
-  std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const;
+  std::shared_ptr<const LMPdfSourcePage> pageAtIndex(int64_t index) const;
   // The document information's Creator and Producer; nullopt when absent.
   std::optional<std::u16string> creator() const;
   std::optional<std::u16string> producer() const;
   // The whole document's text; nullopt when no page has text.
   std::optional<std::u16string> string() const;
   // The first bound of the limits the document ran into while being read, as
-  // the call's error message; nullopt while none (see LMPdfFile).
+  // the call's error message; nullopt while none (see LMPdfSource).
   std::optional<std::u16string> limitExceeded() const;
 
   // True when the Creator (non-empty) begins like a known OCR program's mark,
@@ -52,5 +52,5 @@ class LMPDFDocument {
   bool isOCRDocument() const;
 
  private:
-  std::shared_ptr<LMPdfFile> file_;
+  std::shared_ptr<LMPdfSource> source_;
 };

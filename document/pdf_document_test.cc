@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "kit/unicode.h"
 
 namespace {
@@ -12,11 +12,9 @@ TEST(PDFDocumentTest, RecognisesOCRProgramsFromCreatorThenProducer) {
     std::optional<std::u16string> creator, producer;
     bool ocr;
   } cases[] = {
-      {u"kelvara/2.1 (OCR)", std::nullopt, true},
-      {u"Kelvara/2.1", std::nullopt, false},
+      {u"kelvara/2.1 (OCR)", std::nullopt, true}, {u"Kelvara/2.1", std::nullopt, false},
       {u"Kelvara 2.1 (OCR)", std::nullopt, false},  // the slash belongs to the mark
-      {u"ABBYY FineReader 15", std::nullopt, true},
-      {u"Canon iR-ADV", std::nullopt, true},
+      {u"ABBYY FineReader 15", std::nullopt, true}, {u"Canon iR-ADV", std::nullopt, true},
       {u"Scanned by Canon", std::nullopt, false},  // anchored at the start
       {u"Microsoft Word", u"Adobe Acrobat 9.0 Paper Capture Plug-in", true},
       {u"", u"adobe acrobat 11 paper capture plug-in", true},
@@ -29,7 +27,7 @@ TEST(PDFDocumentTest, RecognisesOCRProgramsFromCreatorThenProducer) {
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.creator.value_or(u"<none>")) + " / " +
                  lmUtf8(c.producer.value_or(u"<none>")));
-    auto file = std::make_shared<LMFakePdfFile>();
+    auto file = std::make_shared<LMFakePdfSource>();
     file->creator_ = c.creator;
     file->producer_ = c.producer;
     EXPECT_EQ(c.ocr, LMPDFDocument(file).isOCRDocument());
@@ -43,24 +41,6 @@ TEST(PDFDocumentTest, UnreadableBytesGiveNoDocument) {
   const LMPDFDocument none(nullptr);
   EXPECT_EQ(0, none.pageCount());
   EXPECT_FALSE(none.isOCRDocument());
-}
-
-TEST(PDFDocumentFixtureTest, ReadsTheOCRMarksOfRealFiles) {
-  struct Case {
-    const char* file;
-    bool ocr;
-  } cases[] = {
-      {"ocr_creator.pdf", true},
-      {"ocr_producer.pdf", true},
-      {"a4_portrait.pdf", false},
-      {"no_text.pdf", false},  // no document information at all
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    const auto document = lmOpenFixture(c.file);
-    ASSERT_NE(nullptr, document);
-    EXPECT_EQ(c.ocr, document->isOCRDocument());
-  }
 }
 
 }  // namespace

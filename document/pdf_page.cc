@@ -85,7 +85,7 @@ LMAttributedString LMPDFLine::attributedString() const {
   return text;
 }
 
-LMPDFPage::LMPDFPage(std::shared_ptr<const LMPdfFilePage> page, int64_t pageNumber)
+LMPDFPage::LMPDFPage(std::shared_ptr<const LMPdfSourcePage> page, int64_t pageNumber)
     : pdfPage_(page), pageNumber_(pageNumber) {
   LMAssert(page);
   LMAssert(pageNumber >= 0);

@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "document/pdf_file.h"
+#include "document/pdf_source.h"
 #include "kit/rect.h"
 #include "kit/text_range.h"
 #include "kit/value.h"
@@ -49,7 +49,7 @@ class LMPDFPage {
   // Builds the page text of `page`, page index `pageNumber` (0-based). A null
   // page or a negative index logs a soft assertion and goes on; a null page
   // gives an empty page text and a page that is neither letter nor landscape.
-  LMPDFPage(std::shared_ptr<const LMPdfFilePage> page, int64_t pageNumber);
+  LMPDFPage(std::shared_ptr<const LMPdfSourcePage> page, int64_t pageNumber);
 
   // The character cleaning every line goes through: NUL, line feed, carriage
   // return, U+FFFC and the no-break and typographic spaces (U+00A0, U+1680,
@@ -68,7 +68,7 @@ class LMPDFPage {
   // analysis relies on it.
   LMTextRange originalRangeForRange(LMTextRange range) const;
 
-  const std::shared_ptr<const LMPdfFilePage>& pdfPage() const { return pdfPage_; }
+  const std::shared_ptr<const LMPdfSourcePage>& pdfPage() const { return pdfPage_; }
   int64_t pageNumber() const { return pageNumber_; }
   // The lines sorted top to bottom (greater origin y first), then left to
   // right.
@@ -92,7 +92,7 @@ class LMPDFPage {
   void extractLines();
   void buildText();
 
-  std::shared_ptr<const LMPdfFilePage> pdfPage_;
+  std::shared_ptr<const LMPdfSourcePage> pdfPage_;
   std::vector<LMPDFLine> lines_;
   int64_t pageNumber_;
   bool landscape_ = false;

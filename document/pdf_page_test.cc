@@ -3,16 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "kit/unicode.h"
 
 namespace {
 
 using ::testing::HasSubstr;
-using Line = LMFakePdfPage::Line;
+using Line = LMFakePdfSourcePage::Line;
 
 LMPDFPage pageWithLines(const std::vector<Line>& lines, LMRect mediaBox = {0, 0, 595, 842}) {
-  return LMPDFPage(LMFakePdfPage::withLines(lines, mediaBox), 0);
+  return LMPDFPage(LMFakePdfSourcePage::withLines(lines, mediaBox), 0);
 }
 
 TEST(PDFPageTest, ClassifiesTheMediaBox) {
@@ -100,13 +100,13 @@ TEST(PDFPageTest, BrokenInputGivesAnEmptyOrCutBackPage) {
   EXPECT_THAT(capture.lines()[1], HasSubstr("(pageNumber >= 0) failed assertion"));
 
   // Lines without text behind them are not taken.
-  auto empty = LMFakePdfPage::withLines({});
+  auto empty = LMFakePdfSourcePage::withLines({});
   empty->lines_.push_back({LMTextRange::make(0, 3), {72, 700, 10, 12}});
   EXPECT_TRUE(LMPDFPage(empty, 0).lines().empty());
   EXPECT_EQ(u"", LMPDFPage(empty, 0).string());
 
   // A line range beyond the text keeps what lies inside it.
-  auto overlong = LMFakePdfPage::withLines({{u"Summe", {72, 700, 40, 12}}});
+  auto overlong = LMFakePdfSourcePage::withLines({{u"Summe", {72, 700, 40, 12}}});
   overlong->lines_.push_back({LMTextRange::make(3, 10), {72, 600, 40, 12}});
   const LMPDFPage cut(overlong, 0);
   ASSERT_EQ(2u, cut.lines().size());
@@ -141,8 +141,7 @@ TEST(PDFPageTest, OriginalRangeForRangeWalksTheSortedLines) {
   } cases[] = {
       {{4, 3}, {6 - 5, 3}},
       {{5, 1}, {uint64_t{0} - 11, 1}},  // wraps around
-      {{10, 7}, {uint64_t{0} - 11, 7}},
-      {{11, 1}, {kLMNotFound, 0}},
+      {{10, 7}, {uint64_t{0} - 11, 7}}, {{11, 1}, {kLMNotFound, 0}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(lmStringFromRange(c.range)));

@@ -15,7 +15,7 @@ const std::optional<std::u16string>& LMReceiptDocument::text() {
   return text_;
 }
 
-std::shared_ptr<const LMPdfFilePage> LMReceiptDocument::validPage(int64_t page) const {
+std::shared_ptr<const LMPdfSourcePage> LMReceiptDocument::validPage(int64_t page) const {
   if (!pdfDoc_ || page < 0 || page >= pageCount_) return nullptr;
   return pdfDoc_->pageAtIndex(page);
 }

@@ -54,7 +54,7 @@ class LMReceiptDocument {
 
  private:
   // The page, or null when `page` is out of range.
-  std::shared_ptr<const LMPdfFilePage> validPage(int64_t page) const;
+  std::shared_ptr<const LMPdfSourcePage> validPage(int64_t page) const;
 
   std::shared_ptr<LMPDFDocument> pdfDoc_;
   std::optional<std::u16string> text_;

@@ -3,17 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "kit/unicode.h"
 
 namespace {
 
 // A document of two pages: page 0 with text, page 1 without.
-std::shared_ptr<LMFakePdfFile> twoPageFile() {
-  auto withText = LMFakePdfPage::withLines({{u"Summe 14,30", {72, 700, 80, 12}}});
+std::shared_ptr<LMFakePdfSource> twoPageFile() {
+  auto withText = LMFakePdfSourcePage::withLines({{u"Summe 14,30", {72, 700, 80, 12}}});
   withText->bounds_[{6, 5}] = LMRect{120, 700, 32, 12};
-  auto file = std::make_shared<LMFakePdfFile>();
-  file->pages_ = {withText, LMFakePdfPage::withLines({})};
+  auto file = std::make_shared<LMFakePdfSource>();
+  file->pages_ = {withText, LMFakePdfSourcePage::withLines({})};
   return file;
 }
 
@@ -83,15 +83,6 @@ TEST(ReceiptDocumentTest, NullDocumentLogsAndHasNoPages) {
   EXPECT_EQ(std::nullopt, document.text());
   EXPECT_TRUE(document.stringForPage(0).isNil());
   EXPECT_TRUE(document.boundsForTextRange({0, 0}, 0).isNull());
-}
-
-TEST(ReceiptDocumentFixtureTest, PageWithoutTextInARealFile) {
-  LMReceiptDocument empty(lmOpenFixture("no_text.pdf"));
-  ASSERT_EQ(1, empty.pageCount());
-  EXPECT_TRUE(empty.stringForPage(0).isNil());
-  EXPECT_TRUE(empty.stringForPage(0).isNull());
-  EXPECT_EQ(nullptr, empty.attributedStringForPage(0));
-  EXPECT_EQ(std::nullopt, empty.text());
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 LMFacts lmDocumentFacts(const LMFactsRequest& request, const LMPDFDocument& pdf,
                         const LMReceiptParser& parser) {
   const std::vector<LMPdfAttachment> attachments =
-      pdf.file() ? pdf.file()->attachments() : std::vector<LMPdfAttachment>();
+      pdf.source() ? pdf.source()->attachments() : std::vector<LMPdfAttachment>();
   std::vector<LMEInvoiceCandidate> candidates;
   candidates.reserve(attachments.size());
   // A file that could not be read is offered without bytes: if it was meant

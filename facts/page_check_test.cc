@@ -2,15 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "document/receipt_document.h"
 #include "kit/unicode.h"
 
 namespace {
 
 LMReceiptParser analysed(const std::u16string& text) {
-  auto file = std::make_shared<LMFakePdfFile>();
-  file->pages_.push_back(LMFakePdfPage::withLines({{text, {72, 700, 300, 12}}}));
+  auto file = std::make_shared<LMFakePdfSource>();
+  file->pages_.push_back(LMFakePdfSourcePage::withLines({{text, {72, 700, 300, 12}}}));
   file->string_ = text;
   LMReceiptParser parser;
   parser.setDoc(std::make_shared<LMReceiptDocument>(std::make_shared<LMPDFDocument>(file)));

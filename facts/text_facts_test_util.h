@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "analysis/receipt_parser.h"
-#include "document/fake_pdf_file_test_util.h"
+#include "document/fake_pdf_source_test_util.h"
 #include "document/receipt_document.h"
 #include "facts/text_facts.h"
 
@@ -14,7 +14,7 @@ namespace lmtest {
 
 // A page whose text has fixed-width characters: a range's box is its share
 // of its line's box.
-class MonospacePage : public LMFakePdfPage {
+class MonospacePage : public LMFakePdfSourcePage {
  public:
   LMRect boundsForRange(LMTextRange range) const override {
     if (!range.fitsIn(string_.size())) return LMRect::null();
@@ -51,7 +51,7 @@ inline std::unique_ptr<Parsed> analyse(const std::vector<Row>& rows) {
     page->string_ += text;
   }
   page->attributed_.string = page->string_;
-  auto file = std::make_shared<LMFakePdfFile>();
+  auto file = std::make_shared<LMFakePdfSource>();
   file->string_ = page->string_;
   file->pages_.push_back(page);
   auto out = std::make_unique<Parsed>();

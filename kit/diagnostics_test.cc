@@ -16,12 +16,6 @@
 
 namespace {
 
-// Strips the "date time process[pid:tid] " prefix.
-std::string body(const std::string& line) {
-  const size_t end = line.find("] ");
-  return end == std::string::npos ? line : line.substr(end + 2);
-}
-
 int failingCheck(int value) {
   int reached = 0;
   LMAssert(value > 1);
@@ -44,13 +38,13 @@ TEST(DiagnosticsTest, FailedAssertionLogsOneEntryAndGoesOn) {
   LMLogCapture capture;
   EXPECT_EQ(2, failingCheck(0));
   ASSERT_EQ(2u, capture.fullLines().size());
-  const std::string first = body(capture.fullLines()[0]);
+  const std::string first = capture.lines()[0];
   EXPECT_EQ(0u, first.find("Assertion <diagnostics_test.cc:")) << first;
   // The function's full name as the compiler spells it.
   EXPECT_NE(std::string::npos, first.find("failingCheck(int)\n\n    "
                                           "(value > 1) failed assertion\n\n("))
       << first;
-  EXPECT_EQ(0u, body(capture.fullLines()[1]).find("Value 0 too small <diagnostics_test.cc:"));
+  EXPECT_EQ(0u, capture.lines()[1].find("Value 0 too small <diagnostics_test.cc:"));
   capture.clear();
   EXPECT_EQ(2, failingCheck(5));
   EXPECT_TRUE(capture.fullLines().empty());
@@ -62,13 +56,14 @@ TEST(DiagnosticsTest, TimeTrackKeepsIndependentNamedTimers) {
   lxTimeTrack("never-started", "step");
   lxTimeTrack("parse", "pages");
   lxTimeTrack(nullptr, nullptr);
-  ASSERT_EQ(4u, capture.fullLines().size());
-  EXPECT_EQ("Time <parse> [0.0000s of 0.0000s] ", body(capture.fullLines()[0]));
+  const std::vector<std::string> lines = capture.lines();
+  ASSERT_EQ(4u, lines.size());
+  EXPECT_EQ("Time <parse> [0.0000s of 0.0000s] ", lines[0]);
   // A message without a running timer starts it and logs zero times.
-  EXPECT_EQ("Time <never-started> [0.0000s of 0.0000s] step", body(capture.fullLines()[1]));
-  EXPECT_TRUE(std::regex_match(body(capture.fullLines()[2]),
+  EXPECT_EQ("Time <never-started> [0.0000s of 0.0000s] step", lines[1]);
+  EXPECT_TRUE(std::regex_match(lines[2],
                                std::regex(R"(Time <parse> \[\d\.\d{4}s of \d\.\d{4}s\] pages)")));
-  EXPECT_EQ("Time <(null)> [0.0000s of 0.0000s] ", body(capture.fullLines()[3]));
+  EXPECT_EQ("Time <(null)> [0.0000s of 0.0000s] ", lines[3]);
 }
 
 // Standard error goes to a file while it exists.

@@ -5,6 +5,12 @@ Run from anywhere: python3 tools/make_fixtures.py
 The output is deterministic (no dates, no random ids), so re-running it on an
 unchanged script leaves the committed files byte for byte the same.
 
+Beside the PDFs it writes testdata/fixtures.json, what each fixture holds as
+a reader should find it: whether it opens, its document information, and for
+each page the media box, the text lines in content order (text, left edge,
+baseline, font and size) and the links. The PDF adapter's tests are driven by
+that description.
+
 The writer knows just enough PDF for text fixtures: numbered objects, one
 classic cross-reference table, a trailer with the document information, the
 base-14 fonts Helvetica and Helvetica-Bold with WinAnsiEncoding (byte 0xA0
@@ -14,6 +20,7 @@ cannot express, and RC4 encryption for protected files.
 """
 
 import hashlib
+import json
 import os
 import sys
 
@@ -82,9 +89,10 @@ def num(value):
 class Text:
     """One Tj at (x, y) in user space. `font` is a resource name of Page."""
 
-    def __init__(self, x, y, text, font="F1", size=12, raw=None):
+    def __init__(self, x, y, text, font="F1", size=12, raw=None, joined=False):
         self.x, self.y, self.text, self.font, self.size = x, y, text, font, size
         self.raw = raw  # bytes shown as they are (for the ToUnicode font)
+        self.joined = joined  # continues the line of the text before it
 
 
 class Link:
@@ -117,6 +125,10 @@ FONT_RESOURCES = {
     "F2": "Helvetica-Bold",
     "F3": "ToUnicode",
 }
+# The font a reader names for each resource (F3 draws with Helvetica), and
+# what F3's bytes read as: the ligature as its letters.
+FONT_NAMES = {"F1": "Helvetica", "F2": "Helvetica-Bold", "F3": "Helvetica"}
+READS_AS = {b"A": "\U0001F600", b"B": "fi", b"C": "\u2009"}
 
 # WinAnsiEncoding with byte 0xA0 named "nbspace": the standard table calls
 # that byte "space", so readers would take the no-break space for a blank.
@@ -174,6 +186,7 @@ def padded(password):
 
 class Encryption:
     def __init__(self, user_password, owner_password):
+        self.user_password = user_password
         self.owner = rc4(hashlib.md5(padded(owner_password)).digest()[:5],
                          padded(user_password))
         self.key = hashlib.md5(padded(user_password) + self.owner +
@@ -330,64 +343,76 @@ def lines_page(size, lines, top=None, left=72, step=18):
     return Page(size, [Text(left, top - i * step, line) for i, line in enumerate(lines)])
 
 
+# What tools/make_fixtures.py wrote, fixture by fixture (see describe).
+DESCRIPTIONS = {}
+
+
 def fixtures():
     f = {}
-    f["a4_portrait.pdf"] = make([lines_page(A4, [
+
+    def add(name, pages, **options):
+        f[name] = make(pages, **options)
+        DESCRIPTIONS["pdf/" + name] = describe(pages, **options)
+        return pages
+
+    portrait_pages = add("a4_portrait.pdf", [lines_page(A4, [
         "Rechnung Nr. 4711", "Datum: 14.11.2026", "Summe netto 14,30 EUR"])])
-    f["a4_landscape.pdf"] = make([lines_page(A4_LANDSCAPE, ["Querformat", "Seite 1"])])
-    f["us_letter.pdf"] = make([lines_page(LETTER, ["Invoice 12", "Total 9.99 USD"])])
+    add("a4_landscape.pdf", [lines_page(A4_LANDSCAPE, ["Querformat", "Seite 1"])])
+    add("us_letter.pdf", [lines_page(LETTER, ["Invoice 12", "Total 9.99 USD"])])
     # "Rotated" starts at (100, 700) in user space; the page is shown turned
     # by 90 degrees, so in display space it runs downwards.
-    f["rotated.pdf"] = make([Page(A4, [Text(100, 700, "Rotated", size=12),
-                                       Text(100, 500, "Second line", size=12)],
-                                  rotate=90)])
+    add("rotated.pdf", [Page(A4, [Text(100, 700, "Rotated", size=12),
+                                  Text(100, 500, "Second line", size=12)],
+                             rotate=90)])
     # A drawn frame and no text; no document information at all.
-    f["no_text.pdf"] = make([Page(A4, graphics=b"0 0 1 rg 100 100 200 50 re f\n")],
-                            info=None)
+    add("no_text.pdf", [Page(A4, graphics=b"0 0 1 rg 100 100 200 50 re f\n")], info=None)
     # The media box is inherited from the page tree.
-    f["two_pages.pdf"] = make([
+    add("two_pages.pdf", [
         Page(A4, [Text(72, 770, "Erste Seite")], inherit_box=True),
         Page(A4, [Text(72, 770, "Zweite Seite")], inherit_box=True)])
     # A label at the left and a larger bold amount at the right of one row,
     # the amount's baseline 2 points higher.
-    f["amount_row.pdf"] = make([Page(A4, [
+    add("amount_row.pdf", [Page(A4, [
         Text(72, 400, "Gesamtbetrag", "F1", 12),
         right_aligned(523, 402, "15,30 EUR", "Helvetica-Bold", "F2", 16)])])
-    f["nbsp.pdf"] = make([Page(A4, [Text(72, 700, "Summe\u00a0netto 14,30\u00a0EUR")])])
-    f["links.pdf"] = make([Page(A4, [
+    add("nbsp.pdf", [Page(A4, [Text(72, 700, "Summe\u00a0netto 14,30\u00a0EUR")])])
+    add("links.pdf", [Page(A4, [
         Text(72, 700, "Beleg online"), Text(72, 650, "Fragen per Mail")], links=[
         Link((70, 695, 160, 712), "https://example.com/receipt"),
         Link((70, 645, 170, 662), "mailto:beleg@example.com")])])
-    f["ocr_creator.pdf"] = make([lines_page(A4, ["Gescannter Beleg"])],
-                                info={"Creator": "ABBYY FineReader 15",
-                                      "Producer": "ABBYY FineReader 15"})
-    f["ocr_producer.pdf"] = make([lines_page(A4, ["Gescannter Beleg"])],
-                                 info={"Creator": "Microsoft Word",
-                                       "Producer": "Adobe Acrobat 9.0 Paper Capture Plug-in"})
+    add("ocr_creator.pdf", [lines_page(A4, ["Gescannter Beleg"])],
+        info={"Creator": "ABBYY FineReader 15", "Producer": "ABBYY FineReader 15"})
+    add("ocr_producer.pdf", [lines_page(A4, ["Gescannter Beleg"])],
+        info={"Creator": "Microsoft Word",
+              "Producer": "Adobe Acrobat 9.0 Paper Capture Plug-in"})
     # Characters WinAnsi lacks, through the ToUnicode font F3: "Smile " then
     # U+1F600, "B" -> U+FB01 (the ligature "fi") inside "Pro?t", and a thin
     # space between "10" and "kg".
-    f["unicode.pdf"] = make([Page(A4, run(72, 700, ["Smile ", b"A", "ok"]) +
-                                  run(72, 650, ["Pro", b"B", "t"]) +
-                                  run(72, 600, ["10", b"C", "kg"]))])
+    add("unicode.pdf", [Page(A4, run(72, 700, ["Smile ", b"A", "ok"]) +
+                             run(72, 650, ["Pro", b"B", "t"]) +
+                             run(72, 600, ["10", b"C", "kg"]))])
     # The media box does not start at the origin and a crop box cuts it.
-    f["offset_box.pdf"] = make([Page(A4, [Text(150, 800, "Versetzt")],
-                                     media_box=(100, 100, 695, 942),
-                                     crop_box=(120, 120, 675, 922))])
-    f["multipage.pdf"] = make([invoice_page(n) for n in range(1, 16)])
+    add("offset_box.pdf", [Page(A4, [Text(150, 800, "Versetzt")],
+                                media_box=(100, 100, 695, 942),
+                                crop_box=(120, 120, 675, 922))])
+    add("multipage.pdf", [invoice_page(n) for n in range(1, 16)])
     # Protected files: one that only restricts permissions (empty user
     # password, opens like any other) and one that needs a password to open.
     protected = [lines_page(A4, ["Geschützter Beleg", "Summe 12,50 EUR"])]
-    f["protected_permissions.pdf"] = make(protected, encryption=Encryption("", "owner"))
-    f["protected_password.pdf"] = make(protected, encryption=Encryption("secret", "owner"))
+    add("protected_permissions.pdf", protected, encryption=Encryption("", "owner"))
+    add("protected_password.pdf", protected, encryption=Encryption("secret", "owner"))
 
-    # Failure cases.
+    # Failure cases. What is left of a truncated file depends on the reader's
+    # repair; its test says what it expects.
     portrait = f["a4_portrait.pdf"]
     f["truncated.pdf"] = portrait[:len(portrait) // 2]
+    DESCRIPTIONS["pdf/truncated.pdf"] = {"opens": True, "repaired": True, "pages": None}
     f["garbage.pdf"] = bytes((i * 7919 + 13) % 251 for i in range(2048))
+    DESCRIPTIONS["pdf/garbage.pdf"] = {"opens": False}
     # Every offset of the cross-reference table is wrong: readers must
     # rebuild it from the objects themselves.
     f["broken_xref.pdf"] = break_xref(portrait)
+    DESCRIPTIONS["pdf/broken_xref.pdf"] = describe(portrait_pages, repaired=True)
     return f
 
 
@@ -397,10 +422,10 @@ def run(x, y, parts):
     texts = []
     for part in parts:
         if isinstance(part, bytes):
-            texts.append(Text(x, y, "", "F3", 12, raw=part))
+            texts.append(Text(x, y, "", "F3", 12, raw=part, joined=bool(texts)))
             x += text_width(part.decode("cp1252"), "Helvetica", 12)
         else:
-            texts.append(Text(x, y, part))
+            texts.append(Text(x, y, part, joined=bool(texts)))
             x += text_width(part, "Helvetica", 12)
     return texts
 
@@ -455,9 +480,37 @@ def sample_receipt():
         Text(72, y - 126, "www.baeckerei-morgenrot.example"),
         Text(72, y - 160, "Vielen Dank für Ihren Einkauf!", "F1", 10),
     ]
-    return make([Page(A4, texts)],
-                info={"Creator": "Writer", "Producer": "our fixture writer",
-                      "Title": "Rechnung 2026-0815"})
+    info = {"Creator": "Writer", "Producer": "our fixture writer", "Title": "Rechnung 2026-0815"}
+    DESCRIPTIONS["sample-receipt.pdf"] = describe([Page(A4, texts)], info=info)
+    return make([Page(A4, texts)], info=info)
+
+
+def rect(x0, y0, x1, y1):
+    """A box as origin and size."""
+    return [x0, y0, x1 - x0, y1 - y0]
+
+
+def describe_page(page):
+    lines = []
+    for t in page.texts:
+        text = READS_AS[t.raw] if t.raw else t.text
+        if t.joined:
+            lines[-1]["text"] += text
+        else:
+            lines.append({"text": text, "x": t.x, "baseline": t.y,
+                          "font": FONT_NAMES[t.font], "size": t.size})
+    return {"media_box": rect(*page.media_box), "lines": lines,
+            "links": [{"uri": link.uri, "rect": rect(*link.rect)} for link in page.links]}
+
+
+def describe(pages, info=ORDINARY, encryption=None, repaired=False):
+    """What a reader finds in make(pages, info, encryption): a file that
+    needs a password does not open; a repaired one opens with one log entry."""
+    if encryption and encryption.user_password:
+        return {"opens": False}
+    info = info or {}
+    return {"opens": True, "repaired": repaired, "creator": info.get("Creator"),
+            "producer": info.get("Producer"), "pages": [describe_page(p) for p in pages]}
 
 
 def main():
@@ -467,7 +520,34 @@ def main():
             out.write(data)
     with open(os.path.join(ROOT, "testdata", "sample-receipt.pdf"), "wb") as out:
         out.write(sample_receipt())
+    with open(os.path.join(ROOT, "testdata", "fixtures.json"), "w", encoding="utf-8") as out:
+        out.write(descriptions_json())
     return 0
+
+
+def descriptions_json():
+    """DESCRIPTIONS as JSON with one text line or link to a line."""
+    def dumps(value):
+        return json.dumps(value, ensure_ascii=False)
+
+    fixtures = []
+    for name, d in sorted(DESCRIPTIONS.items()):
+        head = {k: v for k, v in d.items() if k != "pages"}
+        text = "%s: {%s" % (dumps(name), dumps(head)[1:-1])
+        if "pages" in d:
+            text += ', "pages": '
+            if d["pages"] is None:
+                text += "null"
+            else:
+                pages = []
+                for page in d["pages"]:
+                    items = ",\n".join("    " + dumps(x) for x in page["lines"])
+                    links = ",\n".join("    " + dumps(x) for x in page["links"])
+                    pages.append('\n  {"media_box": %s,\n   "lines": [\n%s],\n   "links": [%s]}' % (
+                        dumps(page["media_box"]), items, "\n" + links if links else ""))
+                text += "[" + ",".join(pages) + "]"
+        fixtures.append(text + "}")
+    return "{\n" + ",\n".join(fixtures) + "\n}\n"
 
 
 if __name__ == "__main__":

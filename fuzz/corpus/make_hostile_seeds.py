@@ -64,7 +64,7 @@ def lines(count, text, size, step):
 SEEDS = {
     # Thousands of amounts and currency mentions on one page.
     "hostile-crowded-page.pdf": pdf([lines(3000, b"EUR 12,34", b"1", b"0.06")]),
-    # Not here: a page beyond the character bound (PdfLimitsTest has one).
+    # Not here: a page beyond the character bound (PdfSourceTest has one).
     # It needs 200,000 glyphs, and the fuzzer soon joins them into one text
     # object, whose glyph array MuPDF grows a few dozen at a time: every
     # growth a copy under AddressSanitizer, so minutes a run.

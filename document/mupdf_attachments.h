@@ -1,4 +1,4 @@
-// The embedded files of a PDF opened with MuPDF (see LMPdfFile::attachments
+// The embedded files of a PDF opened with MuPDF (see LMPdfSource::attachments
 // for what is listed and the bounds). Internal to the PDF adapter.
 #pragma once
 #include <vector>
@@ -6,7 +6,7 @@
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
 
-#include "document/pdf_file.h"
+#include "document/pdf_source.h"
 
 // Never throws or longjmps out; a file that cannot be read is listed with
 // its failure. Uses `ctx` and `doc` on the calling thread only.

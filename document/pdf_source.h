@@ -1,6 +1,6 @@
 // The PDF adapter: what the document layer needs of an opened PDF, and
 // nothing more. The interface is abstract so that the page model can be
-// tested with hand-made pages; lmOpenPdfFile gives the real one.
+// tested with hand-made pages; lmOpenPdfSource gives the real one.
 //
 // Coordinates are PDF user space: points, origin at the page's lower left,
 // y growing upwards, also for rotated pages. Text offsets and lengths count
@@ -73,9 +73,9 @@ inline constexpr size_t kLMPdfAttachmentMaxBytes = 16u << 20;
 inline constexpr size_t kLMPdfAttachmentsMaxTotalBytes = 64u << 20;
 inline constexpr size_t kLMPdfAttachmentsMaxCount = 64;
 
-class LMPdfFilePage {
+class LMPdfSourcePage {
  public:
-  virtual ~LMPdfFilePage() = default;
+  virtual ~LMPdfSourcePage() = default;
 
   // 0-based index of the page in its document.
   virtual int64_t index() const = 0;
@@ -105,16 +105,16 @@ class LMPdfFilePage {
   virtual std::vector<LMPdfLink> links() const = 0;
 };
 
-class LMPdfFile {
+class LMPdfSource {
  public:
-  virtual ~LMPdfFile() = default;
+  virtual ~LMPdfSource() = default;
 
   virtual int64_t pageCount() const = 0;
   // Page `index`, or null when the index is out of range or the page cannot
   // be read. A file of up to 64 pages keeps the pages it made until their
   // texts reach 500,000 characters; a longer or fuller one keeps a page only
   // while a caller holds it, and makes it again later.
-  virtual std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const = 0;
+  virtual std::shared_ptr<const LMPdfSourcePage> pageAtIndex(int64_t index) const = 0;
   // The document information's Creator and Producer; nullopt when absent.
   virtual std::optional<std::u16string> creator() const = 0;
   virtual std::optional<std::u16string> producer() const = 0;
@@ -152,5 +152,5 @@ struct LMPdfOpenOptions {
 // nothing is thrown. The bytes are copied; the caller may free them. A file
 // that MuPDF cannot open within options.limits.maxPdfLibraryBytes is null
 // too.
-std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes,
+std::shared_ptr<LMPdfSource> lmOpenPdfSource(std::span<const uint8_t> bytes,
                                          const LMPdfOpenOptions& options = {});

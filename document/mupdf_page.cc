@@ -1,106 +1,24 @@
-// LMPdfFile over MuPDF's C API.
-//
-// MuPDF reports errors by longjmp (fz_try/fz_catch). Every MuPDF call that
-// can throw sits in a small function below that holds only plain C values
-// and answers with a plain value; C++ objects with destructors never live in
-// a frame that a longjmp could skip. The C++ classes only read the plain
-// structures MuPDF hands back (structured text, link lists), which never
-// throws.
-//
-// Threads: MuPDF needs one fz_context per thread. Every opened file gets a
-// context of its own, sharing nothing with other files, so that files read
-// on different threads never wait for each other. (Contexts cloned from one
-// shared base did: MuPDF takes its allocation lock for every reference count,
-// about 10,000 times for a one-page receipt, and two analyses in parallel
-// ran only 1.2 times as fast as one.)
+// See mupdf_state.h for how MuPDF's errors and threads are handled.
+#include "document/mupdf_page.h"
+
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "document/mupdf_guards.h"
-#include "document/pdf_attachments_mupdf.h"
-#include "document/pdf_file.h"
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
 
 namespace {
 
 // ---------------------------------------------------------------------------
-// Contexts.
-
-// Fonts and other resources MuPDF keeps while a document is open. The
-// service reads text only (images are never decoded), so a modest store is
-// plenty.
-constexpr size_t kStoreSize = 64u << 20;
-
-// A file of up to this many pages keeps the pages it made while their texts
-// stay below kKeptCharacters; beyond either, a page is kept only while a
-// caller holds it.
-constexpr size_t kPagesAlwaysKept = 64;
-constexpr int64_t kKeptCharacters = 500000;
-
-// ---------------------------------------------------------------------------
 // MuPDF calls, each inside its own fz_try. Plain values only.
-
-pdf_document* openDocument(fz_context* ctx, const uint8_t* data, size_t size) {
-  fz_buffer* buffer = nullptr;
-  fz_stream* stream = nullptr;
-  pdf_document* doc = nullptr;
-  fz_var(buffer);
-  fz_var(stream);
-  fz_var(doc);
-  fz_try(ctx) {
-    buffer = fz_new_buffer_from_copied_data(ctx, data, size);
-    stream = fz_open_buffer(ctx, buffer);
-    doc = pdf_open_document_with_stream(ctx, stream);
-    // Files encrypted with an empty user password open like any other;
-    // files that need a real password are unreadable here.
-    if (pdf_needs_password(ctx, doc) && !pdf_authenticate_password(ctx, doc, "")) {
-      fz_throw(ctx, FZ_ERROR_GENERIC, "document needs a password");
-    }
-  }
-  fz_always(ctx) {
-    fz_drop_stream(ctx, stream);
-    fz_drop_buffer(ctx, buffer);
-  }
-  fz_catch(ctx) {
-    pdf_drop_document(ctx, doc);
-    doc = nullptr;
-  }
-  return doc;
-}
-
-// The page count, or -1 when the page tree cannot be read.
-int countPages(fz_context* ctx, pdf_document* doc) {
-  int count = -1;
-  fz_var(count);
-  fz_try(ctx) { count = pdf_count_pages(ctx, doc); }
-  fz_catch(ctx) { count = -1; }
-  return count;
-}
-
-// The Info dictionary's text entry `key` as UTF-8, owned by the document;
-// null when absent or not a string.
-const char* infoText(fz_context* ctx, pdf_document* doc, pdf_obj* key) {
-  const char* text = nullptr;
-  fz_var(text);
-  fz_try(ctx) {
-    pdf_obj* info = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Info));
-    pdf_obj* value = pdf_dict_get(ctx, info, key);
-    if (pdf_is_string(ctx, value)) text = pdf_to_text_string(ctx, value);
-  }
-  fz_catch(ctx) { text = nullptr; }
-  return text;
-}
 
 struct PageGeometry {
   fz_rect mediaBox;      // as the PDF states it; empty when it states none
@@ -215,100 +133,9 @@ void appendCodePoint(std::u16string& text, int c) {
   }
 }
 
-// ---------------------------------------------------------------------------
-// The opened document, shared by the file and its pages so that a page may
-// outlive the file object.
-
-class MuPdfDocument {
+class LMMuPdfPage final : public LMPdfSourcePage {
  public:
-  explicit MuPdfDocument(const LMPdfOpenOptions& options)
-      : limits_(options.limits),
-        cancellation_(options.cancellation),
-        budget_(options.limits.maxPdfLibraryBytes) {}
-  MuPdfDocument(const MuPdfDocument&) = delete;
-  MuPdfDocument& operator=(const MuPdfDocument&) = delete;
-  ~MuPdfDocument() {
-    if (ctx_) {
-      pdf_drop_document(ctx_, doc_);
-      fz_flush_warnings(ctx_);
-      fz_drop_context(ctx_);
-    }
-    messages_.logSummary();
-  }
-
-  // Makes the document's own context and routes its messages here. False
-  // when MuPDF cannot make a context.
-  bool makeContext() {
-    fz_locks_context locks{locks_, lock, unlock};
-    allocator_ = budget_.allocator();
-    ctx_ = fz_new_context(&allocator_, &locks, kStoreSize);
-    if (!ctx_) {
-      lmLog("MuPDF: could not create its context");
-      return false;
-    }
-    fz_set_warning_callback(ctx_, LMMuPdfMessages::onWarning, &messages_);
-    fz_set_error_callback(ctx_, LMMuPdfMessages::onError, &messages_);
-    // Nothing is ever drawn; without colour management a context costs next
-    // to nothing to make.
-    fz_disable_icc(ctx_);
-    return true;
-  }
-
-  fz_context* ctx() const { return ctx_; }
-  pdf_document* doc() const { return doc_; }
-  void setDoc(pdf_document* doc) { doc_ = doc; }
-
-  const LMAnalysisLimits& limits() const { return limits_; }
-  LMCancellation* cancellation() const { return cancellation_.get(); }
-  LMMuPdfMemoryBudget& budget() { return budget_; }
-
-  const std::optional<std::u16string>& limitExceeded() const { return limitExceeded_; }
-  // Records the first bound the document ran into.
-  void exceed(std::u16string message) {
-    if (!limitExceeded_) limitExceeded_ = std::move(message);
-  }
-  // Nothing more is read once a bound is hit or the call is cancelled.
-  bool stopped() const { return limitExceeded_ || lmIsCancelled(cancellation_.get()); }
-
-  // The characters of the pages read so far, each page counted once.
-  int64_t charactersRead() const { return documentUnits_; }
-
-  // Adds a page's text the first time that page is read (a long document
-  // reads a page again after dropping it); false once the document's text
-  // goes beyond its bound.
-  bool chargePage(int64_t index, int64_t units) {
-    if (counted_.size() <= static_cast<size_t>(index)) counted_.resize(index + 1, false);
-    if (!counted_[index]) {
-      counted_[index] = true;
-      documentUnits_ += units;
-    }
-    return documentUnits_ <= limits_.maxDocumentCharacters;
-  }
-
- private:
-  static void lock(void* locks, int which) { static_cast<std::mutex*>(locks)[which].lock(); }
-  static void unlock(void* locks, int which) { static_cast<std::mutex*>(locks)[which].unlock(); }
-
-  // MuPDF's locks of this document's context. A file is used by one thread
-  // at a time (see pdf_file.h), so they are never contended.
-  std::mutex locks_[FZ_LOCK_MAX];
-  const LMAnalysisLimits limits_;
-  const std::shared_ptr<LMCancellation> cancellation_;
-  LMMuPdfMemoryBudget budget_;
-  fz_alloc_context allocator_{};
-  std::optional<std::u16string> limitExceeded_;
-  std::vector<bool> counted_;
-  int64_t documentUnits_ = 0;
-  fz_context* ctx_ = nullptr;
-  pdf_document* doc_ = nullptr;
-  LMMuPdfMessages messages_;
-};
-
-// ---------------------------------------------------------------------------
-
-class MuPdfPage final : public LMPdfFilePage {
- public:
-  MuPdfPage(std::shared_ptr<MuPdfDocument> document, pdf_page* page, int64_t index,
+  LMMuPdfPage(std::shared_ptr<LMMuPdfState> document, pdf_page* page, int64_t index,
             const PageGeometry& geometry)
       : document_(std::move(document)), page_(page), index_(index) {
     toUser_ = fz_invert_matrix(geometry.fromUser);
@@ -316,7 +143,7 @@ class MuPdfPage final : public LMPdfFilePage {
     mediaBox_ = rectFromFz(geometry.mediaBox);
     if (mediaBox_.width <= 0 || mediaBox_.height <= 0) mediaBox_ = rectFromFz(geometry.displayBox);
   }
-  ~MuPdfPage() override {
+  ~LMMuPdfPage() override {
     fz_drop_page(document_->ctx(), reinterpret_cast<fz_page*>(page_));
   }
 
@@ -509,7 +336,7 @@ class MuPdfPage final : public LMPdfFilePage {
     }
   }
 
-  std::shared_ptr<MuPdfDocument> document_;
+  std::shared_ptr<LMMuPdfState> document_;
   pdf_page* page_;
   int64_t index_;
   fz_matrix toUser_;
@@ -527,108 +354,12 @@ class MuPdfPage final : public LMPdfFilePage {
   mutable std::vector<int32_t> unitChars_;
 };
 
-// ---------------------------------------------------------------------------
-
-class MuPdfFile final : public LMPdfFile {
- public:
-  MuPdfFile(std::shared_ptr<MuPdfDocument> document, int pageCount,
-            std::optional<std::u16string> creator, std::optional<std::u16string> producer)
-      : document_(std::move(document)),
-        pages_(static_cast<size_t>(pageCount)),
-        weakPages_(static_cast<size_t>(pageCount)),
-        failed_(static_cast<size_t>(pageCount), false),
-        creator_(std::move(creator)),
-        producer_(std::move(producer)) {}
-
-  int64_t pageCount() const override { return static_cast<int64_t>(pages_.size()); }
-
-  std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const override {
-    if (index < 0 || index >= pageCount()) return nullptr;
-    const size_t i = static_cast<size_t>(index);
-    if (pages_[i]) return pages_[i];
-    if (auto kept = weakPages_[i].lock()) return kept;
-    // A page that cannot be read is not tried again.
-    if (failed_[i]) return nullptr;
-    PageGeometry geometry{};
-    pdf_page* page = loadPage(document_->ctx(), document_->doc(), static_cast<int>(index),
-                              &geometry);
-    if (!page) {
-      failed_[i] = true;
-      return nullptr;
-    }
-    auto made = std::make_shared<MuPdfPage>(document_, page, index, geometry);
-    // Short documents keep every page, so that asking again costs nothing.
-    // Long ones keep a page only while someone holds it, so that memory
-    // follows the pages in use rather than the page count.
-    if (pages_.size() <= kPagesAlwaysKept && document_->charactersRead() < kKeptCharacters) {
-      pages_[i] = made;
-    } else {
-      weakPages_[i] = made;
-    }
-    return made;
-  }
-
-  std::optional<std::u16string> creator() const override { return creator_; }
-  std::optional<std::u16string> producer() const override { return producer_; }
-  std::optional<std::u16string> limitExceeded() const override {
-    return document_->limitExceeded();
-  }
-
-  std::optional<std::u16string> string() const override {
-    std::u16string text;
-    bool anyText = false;
-    for (int64_t i = 0; i < pageCount(); ++i) {
-      if (i > 0) text.push_back(u'\n');
-      if (auto page = pageAtIndex(i)) {
-        text += page->string();
-        anyText = anyText || !page->string().empty();
-      }
-    }
-    if (!anyText) return std::nullopt;
-    return text;
-  }
-
-  std::vector<LMPdfAttachment> attachments() const override {
-    return lmReadPdfAttachments(document_->ctx(), document_->doc());
-  }
-
- private:
-  std::shared_ptr<MuPdfDocument> document_;
-  mutable std::vector<std::shared_ptr<const LMPdfFilePage>> pages_;
-  mutable std::vector<std::weak_ptr<const LMPdfFilePage>> weakPages_;
-  mutable std::vector<bool> failed_;
-  std::optional<std::u16string> creator_;
-  std::optional<std::u16string> producer_;
-};
-
-std::optional<std::u16string> optionalText(const char* utf8) {
-  if (!utf8) return std::nullopt;
-  return lmUtf16(utf8);
-}
-
 }  // namespace
 
-std::shared_ptr<LMPdfFile> lmOpenPdfFile(std::span<const uint8_t> bytes,
-                                         const LMPdfOpenOptions& options) {
-  if (bytes.empty()) return nullptr;
-  auto document = std::make_shared<MuPdfDocument>(options);
-  if (!document->makeContext()) return nullptr;
-  fz_context* ctx = document->ctx();
-  document->setDoc(openDocument(ctx, bytes.data(), bytes.size()));
-  if (!document->doc()) return nullptr;
-  int pageCount = countPages(ctx, document->doc());
-  if (pageCount < 0) return nullptr;
-  if (pageCount > options.limits.maxPages) {
-    document->exceed(lmLimitMessage(options.limits.maxPages, u"pages"));
-    pageCount = 0;
-  }
-  // MuPDF finds page n of a flat page tree by walking the n pages before it,
-  // so reading every page of such a tree is quadratic (5,000 pages: about
-  // 3 s here); the page bound bounds it. Its cached page list
-  // (pdf_load_page_tree) would make it linear but leaks every page object it
-  // hands out in this version.
-  auto creator = optionalText(infoText(ctx, document->doc(), PDF_NAME(Creator)));
-  auto producer = optionalText(infoText(ctx, document->doc(), PDF_NAME(Producer)));
-  return std::make_shared<MuPdfFile>(std::move(document), pageCount, std::move(creator),
-                                     std::move(producer));
+std::shared_ptr<const LMPdfSourcePage> lmLoadMuPdfPage(std::shared_ptr<LMMuPdfState> state,
+                                                      int64_t index) {
+  PageGeometry geometry{};
+  pdf_page* page = loadPage(state->ctx(), state->doc(), static_cast<int>(index), &geometry);
+  if (!page) return nullptr;
+  return std::make_shared<LMMuPdfPage>(std::move(state), page, index, geometry);
 }

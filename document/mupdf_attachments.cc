@@ -6,7 +6,7 @@
 // decoded size; here the stream is read in chunks and reading stops at the
 // bound, so a small compressed stream that inflates to gigabytes costs no
 // more than the bound.
-#include "document/pdf_attachments_mupdf.h"
+#include "document/mupdf_attachments.h"
 
 #include <algorithm>
 #include <string>

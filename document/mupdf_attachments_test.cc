@@ -10,8 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_file_test_util.h"
-#include "document/pdf_file.h"
+#include "document/fake_pdf_source_test_util.h"
+#include "document/generated_pdf_test_util.h"
+#include "document/pdf_source.h"
 #include "einvoice/attachment_selection.h"
 #include "kit/unicode.h"
 
@@ -32,8 +33,7 @@ std::string deflated(const std::string& data) {
   return out;
 }
 
-// A one-page PDF with embedded files, numbered objects and a correct
-// cross-reference table.
+// A one-page PDF with embedded files.
 class PdfWithFiles {
  public:
   struct File {
@@ -81,29 +81,12 @@ class PdfWithFiles {
     return static_cast<int>(objects_.size());
   }
   void set(int n, std::string body) { objects_[n - 1] = std::move(body); }
-  std::string serialize() const {
-    std::string out = "%PDF-1.7\n";
-    std::vector<size_t> offsets;
-    for (size_t i = 0; i < objects_.size(); ++i) {
-      offsets.push_back(out.size());
-      out += std::to_string(i + 1) + " 0 obj\n" + objects_[i] + "\nendobj\n";
-    }
-    const size_t xref = out.size();
-    out += "xref\n0 " + std::to_string(objects_.size() + 1) + "\n0000000000 65535 f \n";
-    for (size_t offset : offsets) {
-      char line[24];
-      std::snprintf(line, sizeof line, "%010zu 00000 n \n", offset);
-      out += line;
-    }
-    out += "trailer\n<< /Size " + std::to_string(objects_.size() + 1) +
-           " /Root 1 0 R >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
-    return out;
-  }
+  std::string serialize() const { return lmPdfWithObjects(objects_); }
   std::vector<std::string> objects_;
 };
 
 std::vector<LMPdfAttachment> attachmentsOf(const std::string& pdf) {
-  auto file = lmOpenPdfFile({reinterpret_cast<const uint8_t*>(pdf.data()), pdf.size()});
+  auto file = lmOpenPdfSource({reinterpret_cast<const uint8_t*>(pdf.data()), pdf.size()});
   EXPECT_TRUE(file);
   return file ? file->attachments() : std::vector<LMPdfAttachment>();
 }
@@ -218,7 +201,7 @@ TEST(PdfAttachmentsTest, BrokenOrAbsentFilesAreSkippedOrSaySo) {
   EXPECT_TRUE(list[0].bytes.empty());
   EXPECT_TRUE(attachmentsOf(PdfWithFiles::make({})).empty());
   // The hand-made test file has none.
-  EXPECT_TRUE(LMFakePdfFile().attachments().empty());
+  EXPECT_TRUE(LMFakePdfSource().attachments().empty());
 }
 
 TEST(PdfAttachmentsTest, EmbeddedTestInvoicesGiveTheirTotals) {

@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "document/pdf_document.h"
-#include "document/pdf_file.h"
+#include "document/pdf_source.h"
 #include "kit/diagnostics.h"
 #include "kit/test_support.h"
 
-class LMFakePdfPage : public LMPdfFilePage {
+class LMFakePdfSourcePage : public LMPdfSourcePage {
  public:
   struct Line {
     std::u16string text;
@@ -22,9 +22,9 @@ class LMFakePdfPage : public LMPdfFilePage {
   };
   // string() is the lines' texts joined with "\n"; each line's range is its
   // place in that text.
-  static std::shared_ptr<LMFakePdfPage> withLines(const std::vector<Line>& lines,
+  static std::shared_ptr<LMFakePdfSourcePage> withLines(const std::vector<Line>& lines,
                                                   LMRect mediaBox = {0, 0, 595, 842}) {
-    auto page = std::make_shared<LMFakePdfPage>();
+    auto page = std::make_shared<LMFakePdfSourcePage>();
     page->mediaBox_ = mediaBox;
     for (const Line& line : lines) {
       if (!page->string_.empty()) page->string_ += u'\n';
@@ -58,10 +58,10 @@ class LMFakePdfPage : public LMPdfFilePage {
 };
 
 // Counts how often pages and the document text are asked for.
-class LMFakePdfFile : public LMPdfFile {
+class LMFakePdfSource : public LMPdfSource {
  public:
   int64_t pageCount() const override { return static_cast<int64_t>(pages_.size()); }
-  std::shared_ptr<const LMPdfFilePage> pageAtIndex(int64_t index) const override {
+  std::shared_ptr<const LMPdfSourcePage> pageAtIndex(int64_t index) const override {
     ++pageRequests_;
     if (index < 0 || index >= pageCount()) return nullptr;
     return pages_[static_cast<size_t>(index)];
@@ -73,7 +73,7 @@ class LMFakePdfFile : public LMPdfFile {
     return string_;
   }
 
-  std::vector<std::shared_ptr<const LMPdfFilePage>> pages_;
+  std::vector<std::shared_ptr<const LMPdfSourcePage>> pages_;
   std::optional<std::u16string> creator_, producer_, string_;
   mutable int stringRequests_ = 0;
   mutable int pageRequests_ = 0;
