@@ -12,9 +12,11 @@ TEST(PDFDocumentTest, RecognisesOCRProgramsFromCreatorThenProducer) {
     std::optional<std::u16string> creator, producer;
     bool ocr;
   } cases[] = {
-      {u"kelvara/2.1 (OCR)", std::nullopt, true}, {u"Kelvara/2.1", std::nullopt, false},
+      {u"kelvara/2.1 (OCR)", std::nullopt, true},
+      {u"Kelvara/2.1", std::nullopt, false},
       {u"Kelvara 2.1 (OCR)", std::nullopt, false},  // the slash belongs to the mark
-      {u"ABBYY FineReader 15", std::nullopt, true}, {u"Canon iR-ADV", std::nullopt, true},
+      {u"ABBYY FineReader 15", std::nullopt, true},
+      {u"Canon iR-ADV", std::nullopt, true},
       {u"Scanned by Canon", std::nullopt, false},  // anchored at the start
       {u"Microsoft Word", u"Adobe Acrobat 9.0 Paper Capture Plug-in", true},
       {u"", u"adobe acrobat 11 paper capture plug-in", true},

@@ -141,7 +141,8 @@ TEST(PDFPageTest, OriginalRangeForRangeWalksTheSortedLines) {
   } cases[] = {
       {{4, 3}, {6 - 5, 3}},
       {{5, 1}, {uint64_t{0} - 11, 1}},  // wraps around
-      {{10, 7}, {uint64_t{0} - 11, 7}}, {{11, 1}, {kLMNotFound, 0}},
+      {{10, 7}, {uint64_t{0} - 11, 7}},
+      {{11, 1}, {kLMNotFound, 0}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(lmStringFromRange(c.range)));

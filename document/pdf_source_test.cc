@@ -222,7 +222,8 @@ TEST(PdfSourceTest, RangesOutsideTheTextGiveNullAndEmptyOnesZero) {
       {"only an inserted line break", LMTextRange::make(lineBreak, 1), false},
       {"past the end", LMTextRange::make(length, 1), true},
       {"one unit too long", LMTextRange::make(0, length + 1), true},
-      {"not found", LMTextRange{}, true}, {"wrapping length", LMTextRange::make(2, huge - 1), true},
+      {"not found", LMTextRange{}, true},
+      {"wrapping length", LMTextRange::make(2, huge - 1), true},
       {"far location", LMTextRange::make(huge, 0), true},
   };
   for (const Case& c : cases) {

@@ -19,12 +19,16 @@ TEST(TextNormalizationTest, FoldsOnlyTheRowOfTheGivenCharacter) {
     std::u16string expected;
   } cases[] = {
       // "T" and "A" fold into 7 and 4 only when those rows are asked for.
-      {u"T0TAL 1O,5O", u"0", u"T0TAL 10,50"}, {u"l1iIL", u"1", u"11111"},
-      {u"ZAsSbTB", u"5", u"ZA55bTB"}, {u"12,50", u".", u"12.50"}, {u"12.50", u",", u"12,50"},
+      {u"T0TAL 1O,5O", u"0", u"T0TAL 10,50"},
+      {u"l1iIL", u"1", u"11111"},
+      {u"ZAsSbTB", u"5", u"ZA55bTB"},
+      {u"12,50", u".", u"12.50"},
+      {u"12.50", u",", u"12,50"},
       {u"a~b\u2013c\u2014d\u2022e\u2011f-g", u"-", u"a-b-c-d-e-f-g"},
       {u"a\u00A0b\u2009c\u3000d\u202Fe", u" ", u"a b c d e"},
       // Line breaks and the object replacement character are no blanks.
-      {u"a\nb\rc\uFFFCd", u" ", u"a\nb\rc\uFFFCd"}, {u"\u2018x\u2019 `y'", u"'", u"'x' 'y'"},
+      {u"a\nb\rc\uFFFCd", u" ", u"a\nb\rc\uFFFCd"},
+      {u"\u2018x\u2019 `y'", u"'", u"'x' 'y'"},
       {u"\u201Cx\u201D", u"\"", u"\"x\""},
       // Characters without a row change nothing.
       {u"T0TAL 1O,5O", u"3", u"T0TAL 1O,5O"},

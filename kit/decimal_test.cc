@@ -59,9 +59,12 @@ TEST(DecimalTest, KeepsValuesCompact) {
     int exponent;
     bool negative;
   } cases[] = {
-      {dec("12.50"), 125, -1, false}, {dec("100"), 1, 2, false}, {dec("-0.0"), 0, 0, false},
+      {dec("12.50"), 125, -1, false},
+      {dec("100"), 1, 2, false},
+      {dec("-0.0"), 0, 0, false},
       {LMDecimal::fromParts(12500, -3, true), 125, -1, true},
-      {LMDecimal::fromParts(0, 50, true), 0, 0, false}, {dec("1e128"), 10, 127, false},
+      {LMDecimal::fromParts(0, 50, true), 0, 0, false},
+      {dec("1e128"), 10, 127, false},
       {LMDecimal::notANumber(), 0, 0, false},
   };
   for (const auto& c : cases) {
@@ -98,9 +101,12 @@ TEST(DecimalTest, BuildsFromShiftedIntegers) {
     int64_t shift;
     std::string printed;
   } cases[] = {
-      {1250, 2, "12.5"}, {-305, 2, "-3.05"},
+      {1250, 2, "12.5"},
+      {-305, 2, "-3.05"},
       {1250, 65538, "12.5"},  // the shift is taken as a 16-bit value
-      {5, -3, "5000"}, {0, 2, "0"}, {INT64_MIN, 0, "-9223372036854775808"},
+      {5, -3, "5000"},
+      {0, 2, "0"},
+      {INT64_MIN, 0, "-9223372036854775808"},
       {INT64_MAX, 20, "0.09223372036854775807"},
   };
   for (const auto& c : cases) {
@@ -120,13 +126,19 @@ TEST(DecimalTest, ArithmeticIsExactOrRoundedTo38Digits) {
     char op;
     std::string a, b, result;
   } cases[] = {
-      {'*', "1.1", "1.1", "1.21"}, {'+', "0.1", "0.2", "0.3"}, {'-', "12.5", "12.50", "0"},
-      {'-', "3", "5.05", "-2.05"}, {'+', "-3", "5.05", "2.05"}, {'*', "-0.5", "0.2", "-0.1"},
+      {'*', "1.1", "1.1", "1.21"},
+      {'+', "0.1", "0.2", "0.3"},
+      {'-', "12.5", "12.50", "0"},
+      {'-', "3", "5.05", "-2.05"},
+      {'+', "-3", "5.05", "2.05"},
+      {'*', "-0.5", "0.2", "-0.1"},
       {'/', "1", "3", "0.33333333333333333333333333333333333333"},
       {'/', "2", "3", "0.66666666666666666666666666666666666667"},
       {'/', "-2", "3", "-0.66666666666666666666666666666666666667"},
-      {'/', "10", "7", "1.4285714285714285714285714285714285714"}, {'/', "119", "100", "1.19"},
-      {'/', "1e-100", "1e100", "0"}, {'+', k38Nines, "1", k1e38},
+      {'/', "10", "7", "1.4285714285714285714285714285714285714"},
+      {'/', "119", "100", "1.19"},
+      {'/', "1e-100", "1e100", "0"},
+      {'+', k38Nines, "1", k1e38},
       {'*', k38Nines, k38Nines, "99999999999999999999999999999999999998" + std::string(38, '0')},
       // Operands far apart: the smaller one still decides the rounding.
       {'+', "1e30", "1e-30", "1000000000000000000000000000000"},
@@ -200,8 +212,11 @@ TEST(DecimalTest, ComparesNumericallyWithNaNFirst) {
   } cases[] = {
       {dec("12.5"), dec("12.50"), 0}, {dec("1"), dec("2"), -1},      {dec("-1"), dec("-2"), 1},
       {dec("-1"), dec("0"), -1},      {dec("0"), dec("-0"), 0},      {dec("1e-128"), dec("0"), 1},
-      {dec("10"), dec("9.99"), 1}, {dec("1.0000000000000000000000000000000000001"), dec("1"), 1},
-      {dec("0.09"), dec("0.1"), -1}, {nan, nan, 0}, {nan, dec("-1e127"), -1},
+      {dec("10"), dec("9.99"), 1},
+      {dec("1.0000000000000000000000000000000000001"), dec("1"), 1},
+      {dec("0.09"), dec("0.1"), -1},
+      {nan, nan, 0},
+      {nan, dec("-1e127"), -1},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.a.stringValue() + " vs " + c.b.stringValue());
@@ -224,11 +239,13 @@ TEST(DecimalTest, IntegerValuesTruncateTowardZeroAndSaturate) {
   } cases[] = {
       {dec("12.99"), 12, 1299},  {dec("-3.05"), -3, -305}, {dec("12.345"), 12, 1234},
       {dec("-0.019"), 0, -1},    {dec("0.999"), 0, 99},    {dec("-0.5"), 0, -50},
-      {LMDecimal::notANumber(), 0, 0}, {dec("9223372036854775807"), INT64_MAX, INT64_MAX},
+      {LMDecimal::notANumber(), 0, 0},
+      {dec("9223372036854775807"), INT64_MAX, INT64_MAX},
       {dec("9223372036854775808"), INT64_MAX, INT64_MAX},
       {dec("-9223372036854775808"), INT64_MIN, INT64_MIN},
       {dec("-92233720368547758.08"), -92233720368547758, INT64_MIN},
-      {dec("1e127"), INT64_MAX, INT64_MAX}, {dec("-1e30"), INT64_MIN, INT64_MIN},
+      {dec("1e127"), INT64_MAX, INT64_MAX},
+      {dec("-1e30"), INT64_MIN, INT64_MIN},
       {dec("1e-128"), 0, 0},
   };
   for (const auto& c : cases) {

@@ -20,14 +20,26 @@ TEST(AmountRecognizerTest, ReadsSeparatorsAndPlaces) {
     int64_t amount;
     int64_t places;
   } cases[] = {
-      {u"1.234,56", 123456, 2}, {u"1,234.56", 123456, 2}, {u"1'234.50", 123450, 2},
-      {u"12,34", 1234, 2}, {u"12", 1200, 0},
+      {u"1.234,56", 123456, 2},
+      {u"1,234.56", 123456, 2},
+      {u"1'234.50", 123450, 2},
+      {u"12,34", 1234, 2},
+      {u"12", 1200, 0},
       {u"1.234", 123400, 0},  // three digits after a separator are thousands
-      {u"1,999", 199900, 0}, {u"1.234.567,89", 123456789, 2}, {u"12.345.678", 1234567800, 0},
+      {u"1,999", 199900, 0},
+      {u"1.234.567,89", 123456789, 2},
+      {u"12.345.678", 1234567800, 0},
       {u"1.2345", 123, 4},  // cut to hundredths, not rounded
-      {u"1,9999", 199, 4}, {u"-7,50", -750, 2}, {u"0,50", 50, 2}, {u"-0,50", -50, 2},
-      {u"5,-", 500, 2}, {u"5,\u2013", 500, 2}, {u"5.\u2014", 500, 2}, {u"5,\u2015", 500, 2},
-      {u"-5,-", -500, 2}, {u"1.234,\u2013", 123400, 2},
+      {u"1,9999", 199, 4},
+      {u"-7,50", -750, 2},
+      {u"0,50", 50, 2},
+      {u"-0,50", -50, 2},
+      {u"5,-", 500, 2},
+      {u"5,\u2013", 500, 2},
+      {u"5.\u2014", 500, 2},
+      {u"5,\u2015", 500, 2},
+      {u"-5,-", -500, 2},
+      {u"1.234,\u2013", 123400, 2},
       {u"A123", 12300, 0},  // only digits, "," and "." are refused before a number
   };
   for (const Case& c : cases) {
@@ -44,9 +56,13 @@ TEST(AmountRecognizerTest, RefusesNumbersGluedToSeparatorsOrWithLeadingZeros) {
       u"1,5",      // "1" is followed by ",", "5" stands behind one
       u"12.3",     //
       u"01234",    // postal code
-      u"01069 Dresden", u"00,50", u"0001",
+      u"01069 Dresden",
+      u"00,50",
+      u"0001",
       u"12,",      // a trailing separator is refused as well
-      u".5", u"", u"keine Zahl",
+      u".5",
+      u"",
+      u"keine Zahl",
   };
   for (const std::u16string& text : texts) {
     SCOPED_TRACE(lmUtf8(text));

@@ -42,9 +42,11 @@ TEST(BankRecognizerTest, FindsGermanIbansWithAnySpacing) {
 
 TEST(BankRecognizerTest, RefusesOtherCountriesAndShortNumbers) {
   const std::u16string texts[] = {
-      u"AT61 1904 3002 3457 3201", u"CH93 0076 2011 6238 5295 7",
+      u"AT61 1904 3002 3457 3201",
+      u"CH93 0076 2011 6238 5295 7",
       u"DE89 3704 0044 0532 0130 0",  // 9 account digits
-      u"DE89 3704 0044 0532-0130-00", u"",
+      u"DE89 3704 0044 0532-0130-00",
+      u"",
   };
   for (const std::u16string& text : texts) {
     SCOPED_TRACE(lmUtf8(text));
@@ -79,8 +81,13 @@ TEST(BankRecognizerTest, Mod97Validation) {
     bool valid;
   } cases[] = {
       {u"370400440532013000131489", true},  // DE89 3704 0044 0532 0130 00 rearranged
-      {u"370400440532013000131488", false}, {u"700100809999999999131428", false}, {u"1", true},
-      {u"98", true}, {u"97", false}, {u"", false}, {u"a1", false},
+      {u"370400440532013000131488", false},
+      {u"700100809999999999131428", false},
+      {u"1", true},
+      {u"98", true},
+      {u"97", false},
+      {u"", false},
+      {u"a1", false},
       // Far beyond 64 bits; leaves remainder 1.
       {u"9999999999999999999999999999999999999910", true},
       {u"9999999999999999999999999999999999999911", false},

@@ -28,13 +28,16 @@ TEST(CurrencyRecognizerTest, MapsAliasesThatStandFree) {
   } cases[] = {
       {u"Total 12,50 EUR, paid in \u20AC", {u"EUR", u"EUR"}},
       {u"12EUR 3eur", {u"EUR", u"EUR"}},  // a digit is no letter
-      {u"Euro EUROS euro-Preis", {u"EUR", u"EUR", u"EUR"}}, {u"NEUROLOGIE Eurasia", {}},
+      {u"Euro EUROS euro-Preis", {u"EUR", u"EUR", u"EUR"}},
+      {u"NEUROLOGIE Eurasia", {}},
       {u"EURO2", {u"EUR"}},
       {u"\u00A3 10 GBP 10", {u"GBP"}},  // no "£" in the table
       {u"$5 US$ 3 USD", {u"USD", u"USD", u"USD"}},
       {u"A$ 10, AU$ 10, AUD 10", {u"AUD", u"AUD", u"AUD"}},
       {u"$A 10", {u"AUD"}},  // the longer alias wins over "$"
-      {u"CHF chf Chf", {u"CHF", u"CHF", u"CHF"}}, {u"USDollar", {}}, {u"", {}},
+      {u"CHF chf Chf", {u"CHF", u"CHF", u"CHF"}},
+      {u"USDollar", {}},
+      {u"", {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.text));
@@ -54,7 +57,8 @@ TEST(CurrencyRecognizerTest, KeepsTheMostFrequentCodeAndTheEarlierOnATie) {
     std::u16string expected;
   } cases[] = {
       {u"USD 5 / CHF 3 / CHF 4 / USD 2", u"CHF"},  // CHF reached 2 first
-      {u"USD 5 / CHF 3", u"USD"}, {u"EUR 1 $ 2 $ 3 EUR 4 EUR 5", u"EUR"},
+      {u"USD 5 / CHF 3", u"USD"},
+      {u"EUR 1 $ 2 $ 3 EUR 4 EUR 5", u"EUR"},
       {u"EUR 1 $ 2 $ 3", u"USD"},
   };
   for (const Case& c : cases) {

@@ -29,16 +29,20 @@ TEST(TermRecognizerTest, FindsGrossTermsStandingFree) {
       {u"Gesamtbetrag: 12,50", {u"gesamtbetrag/de"}},  // not "betrag" inside it
       {u"ZU ZAHLENDER\nBETRAG", {u"zu zahlender betrag/de", u"betrag/de"}},
       {u"zu  zahlender\t\r\n betrag", {u"zu zahlender betrag/de", u"betrag/de"}},
-      {u"zuzahlender Betrag", {u"betrag/de"}}, {u"Summe 3,00 Zwischensumme 2,00", {u"summe/de"}},
+      {u"zuzahlender Betrag", {u"betrag/de"}},
+      {u"Summe 3,00 Zwischensumme 2,00", {u"summe/de"}},
       {u"Total", {u"total/de", u"total/en"}},
       {u"Grand Total", {u"total/de", u"grand total/en", u"total/en"}},
       {u"Grand\nTotal", {u"total/de", u"grand total/en", u"total/en"}},
-      {u"GESAMTBRUTTO", {u"gesamtbrutto/de"}}, {u"Brutto: 5", {u"brutto/de"}},
+      {u"GESAMTBRUTTO", {u"gesamtbrutto/de"}},
+      {u"Brutto: 5", {u"brutto/de"}},
       {u"Total:12 2Total", {u"total/de", u"total/de", u"total/en", u"total/en"}},
-      {u"Totals Subtotal", {}}, {u"State tax", {u"state tax/en"}},
+      {u"Totals Subtotal", {}},
+      {u"State tax", {u"state tax/en"}},
       {u"State taxes", {u"state taxes/en"}},
       // Terms weighted 0 or below have no entry.
-      {u"Bar Gegeben Guthaben R\u00FCckgeld Zur\u00FCck Zwischensumme", {}}, {u"", {}},
+      {u"Bar Gegeben Guthaben R\u00FCckgeld Zur\u00FCck Zwischensumme", {}},
+      {u"", {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.text));
@@ -51,11 +55,14 @@ TEST(TermRecognizerTest, FindsTaxTerms) {
     std::u16string text;
     Labels labels;
   } cases[] = {
-      {u"MwSt. 19%", {u"mwst/de"}}, {u"zzgl. 19% USt", {u"ust/de"}},
+      {u"MwSt. 19%", {u"mwst/de"}},
+      {u"zzgl. 19% USt", {u"ust/de"}},
       {u"USt-IdNr DE123", {u"ust/de"}},  // "-" is no letter
       {u"Umsatzsteuer", {u"umsatzsteuer/de"}},  // not "steuer" inside it
-      {u"Steuer", {u"steuer/de"}}, {u"VAT 20% Tax Taxes", {u"vat/en", u"tax/en", u"taxes/en"}},
-      {u"Versand Rabatt Verpackung", {}}, {u"Mwst MWST mwst", {u"mwst/de", u"mwst/de", u"mwst/de"}},
+      {u"Steuer", {u"steuer/de"}},
+      {u"VAT 20% Tax Taxes", {u"vat/en", u"tax/en", u"taxes/en"}},
+      {u"Versand Rabatt Verpackung", {}},
+      {u"Mwst MWST mwst", {u"mwst/de", u"mwst/de", u"mwst/de"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.text));
