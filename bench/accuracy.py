@@ -66,7 +66,8 @@ def equal(field, got, truth):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--corpus", default=os.path.join(ROOT, "..", "shared", "corpus"))
+    parser.add_argument("--corpus", default=os.environ.get("LM_CORPUS_DIR")
+                        or os.path.join(ROOT, "..", "shared", "corpus"))
     parser.add_argument("--tool", default=os.path.join(ROOT, "build", "lmreceipt"))
     parser.add_argument("--markdown", action="store_true", help="print a Markdown report")
     options = parser.parse_args()

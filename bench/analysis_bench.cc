@@ -9,6 +9,7 @@
 #include <iterator>
 #include <string>
 
+#include "bench/corpus_dir.h"
 #include "document/pdf_document.h"
 #include "kit/diagnostics.h"
 #include "service/receipt_worker.h"
@@ -43,7 +44,7 @@ void analyse(benchmark::State& state, const std::string& path) {
 }
 
 const std::string kTestdata = LM_TESTDATA_DIR;
-const std::string kCorpus = LM_CORPUS_DIR;
+const std::string kCorpus = lmCorpusDir();
 
 }  // namespace
 

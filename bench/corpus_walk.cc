@@ -2,7 +2,7 @@
 // model and prints what it found: per file its pages, characters, lines,
 // attribute runs, links and milliseconds, then a summary.
 //
-//   lm_corpus_walk [--dump] [corpus folder]   (default /work/shared/corpus)
+//   lm_corpus_walk [--dump] [corpus folder]   (default: the corpus, see bench/README.md)
 //
 // The files are those of the folder's manifest.jsonl ("file" of each line,
 // relative to the folder) or, without a manifest, every *.pdf below it.
@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/corpus_dir.h"
 #include "document/pdf_source.h"
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
@@ -66,7 +67,7 @@ struct Totals {
 
 int main(int argc, char** argv) {
   bool dump = false;
-  fs::path folder = "/work/shared/corpus";
+  fs::path folder = lmCorpusDir();
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--dump") {

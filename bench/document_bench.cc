@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/corpus_dir.h"
 #include "document/pdf_source.h"
 
 namespace {
@@ -17,10 +18,6 @@ std::vector<uint8_t> readBytes(const std::string& path) {
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
-std::string corpusDir() {
-  const char* dir = std::getenv("LM_CORPUS_DIR");
-  return dir ? dir : "/work/shared/corpus";
-}
 
 // Opens `bytes` and builds every page once per iteration.
 void openAndBuildPages(benchmark::State& state, const std::string& path, bool buildPages) {
@@ -63,7 +60,7 @@ void BM_OpenAndBuildPagesMultipage(benchmark::State& state) {
   openAndBuildPages(state, kMultipage, true);
 }
 void BM_OpenAndBuildPagesCorpusInvoice(benchmark::State& state) {
-  openAndBuildPages(state, corpusDir() + "/" + kCorpusInvoice, true);
+  openAndBuildPages(state, lmCorpusDir() + "/" + kCorpusInvoice, true);
 }
 
 BENCHMARK(BM_OpenOnlyMultipage)->Unit(benchmark::kMillisecond);

@@ -5,7 +5,7 @@
 // from the page), every failed check
 // ("CHECK") and every reading without a record ("UNUSABLE"), then a summary.
 //
-//   lm_einvoice_corpus [corpus folder]   (default LM_CORPUS_DIR)
+//   lm_einvoice_corpus [corpus folder]   (default: the corpus, see bench/README.md)
 //   lm_einvoice_corpus --xml FILE.pdf    prints the chosen e-invoice's bytes
 //
 // Values are compared the way a bookkeeper enters them: a credit note's
@@ -23,6 +23,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "bench/corpus_dir.h"
 #include "document/pdf_source.h"
 #include "einvoice/attachment_selection.h"
 #include "einvoice/einvoice.h"
@@ -120,7 +121,7 @@ int printXml(const fs::path& pdfPath) {
 
 int main(int argc, char** argv) {
   if (argc == 3 && std::string(argv[1]) == "--xml") return printXml(argv[2]);
-  fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::path(LM_CORPUS_DIR);
+  fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::path(lmCorpusDir());
   std::vector<std::string> log;
   lmSetLogSink([&log](std::string_view line) { log.emplace_back(line); });
 

@@ -3,7 +3,7 @@
 // alternating, several rounds; prints the total time of each and the share
 // that facts add.
 //
-// usage: lm_facts_bench [ROUNDS]   (corpus: LM_CORPUS_DIR, set at configure time)
+// usage: lm_facts_bench [ROUNDS]   (corpus: see bench/README.md)
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -13,27 +13,12 @@
 #include <string>
 #include <vector>
 
+#include "bench/corpus_dir.h"
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
 #include "service/receipt_worker.h"
 
 namespace {
-
-LMData readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return LMData((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-// The "file" values of the manifest, in order.
-std::vector<std::string> manifestFiles(const std::string& corpus) {
-  std::vector<std::string> files;
-  std::ifstream in(corpus + "/manifest.jsonl");
-  for (std::string line; std::getline(in, line);) {
-    auto value = LMValue::fromJSONData(line);
-    if (value && value->at(u"file").asString()) files.push_back(lmUtf8(value->at(u"file").toString()));
-  }
-  return files;
-}
 
 double secondsOf(const LMDictionary& task) {
   const auto start = std::chrono::steady_clock::now();
@@ -47,11 +32,10 @@ double secondsOf(const LMDictionary& task) {
 
 int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
-  const char* dir = std::getenv("LM_CORPUS_DIR");
-  const std::string corpus = dir ? dir : LM_CORPUS_DIR;
+  const std::string corpus = lmCorpusDir();
   lmSetLogSink([](std::string_view) {});
   std::vector<LMData> documents;
-  for (const std::string& file : manifestFiles(corpus)) documents.push_back(readFile(corpus + "/" + file));
+  for (const std::string& file : lmCorpusManifestFiles(corpus)) documents.push_back(lmReadFileBytes(corpus + "/" + file));
   if (documents.empty()) {
     std::fprintf(stderr, "no corpus at %s (set LM_CORPUS_DIR)\n", corpus.c_str());
     return 1;

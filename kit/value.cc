@@ -6,14 +6,11 @@
 #include <cstdio>
 #include <ctime>
 #include <limits>
-#include <nlohmann/json.hpp>
 
 #include "kit/strings.h"
 #include "kit/unicode.h"
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 std::u16string ascii16(std::string_view s) {
   return std::u16string(s.begin(), s.end());
@@ -176,99 +173,6 @@ std::u16string describe(const LMValue& v, bool nested) {
     default:
       return numberText(v);
   }
-}
-
-std::optional<Json> toJsonTree(const LMValue& v) {
-  switch (v.kind()) {
-    case LMValueKind::kNull:
-      return Json(nullptr);
-    case LMValueKind::kBool:
-      return Json(*v.asBool());
-    case LMValueKind::kInt:
-      return Json(*v.asInt());
-    case LMValueKind::kDouble:
-      if (!std::isfinite(*v.asDouble())) return std::nullopt;
-      return Json(*v.asDouble());
-    case LMValueKind::kString:
-      return Json(lmUtf8(*v.asString()));
-    case LMValueKind::kArray: {
-      Json out = Json::array();
-      for (const LMValue& e : *v.asArray()) {
-        auto j = toJsonTree(e);
-        if (!j) return std::nullopt;
-        out.push_back(std::move(*j));
-      }
-      return out;
-    }
-    case LMValueKind::kDictionary: {
-      Json out = Json::object();
-      for (const auto& e : *v.asDictionary()) {
-        auto j = toJsonTree(e.value);
-        if (!j) return std::nullopt;
-        out[lmUtf8(e.key.view())] = std::move(*j);
-      }
-      return out;
-    }
-    default:
-      // Data, dates, decimals, attributed texts, objects and nil are not JSON;
-      // callers project with jsonObject first.
-      return std::nullopt;
-  }
-}
-
-LMValue fromJsonTree(const Json& j) {
-  switch (j.type()) {
-    case Json::value_t::null:
-      return LMValue::null();
-    case Json::value_t::boolean:
-      return LMValue(j.get<bool>());
-    case Json::value_t::number_integer:
-      return LMValue(j.get<int64_t>());
-    case Json::value_t::number_unsigned: {
-      const auto u = j.get<uint64_t>();
-      if (u <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
-        return LMValue(static_cast<int64_t>(u));
-      return LMValue(static_cast<double>(u));
-    }
-    case Json::value_t::number_float:
-      return LMValue(j.get<double>());
-    case Json::value_t::string:
-      return LMValue(lmUtf16(j.get_ref<const std::string&>()));
-    case Json::value_t::array: {
-      LMArray out;
-      out.reserve(j.size());
-      for (const Json& e : j) out.push_back(fromJsonTree(e));
-      return LMValue(std::move(out));
-    }
-    case Json::value_t::object: {
-      LMDictionary out;
-      for (auto it = j.begin(); it != j.end(); ++it) out.set(lmUtf16(it.key()), fromJsonTree(*it));
-      return LMValue(std::move(out));
-    }
-    default:
-      return LMValue::null();
-  }
-}
-
-// The JSON reader recurses per nesting level; refuse absurd depths up front.
-bool nestingWithinLimit(std::string_view bytes) {
-  constexpr int kMaxDepth = 512;
-  int depth = 0;
-  bool inString = false;
-  for (size_t i = 0; i < bytes.size(); ++i) {
-    const char c = bytes[i];
-    if (inString) {
-      if (c == '\\') ++i;
-      else if (c == '"') inString = false;
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > kMaxDepth) return false;
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
-  }
-  return true;
 }
 
 template <typename T>
@@ -593,59 +497,6 @@ const LMValue& LMValue::at(std::u16string_view k) const {
 }
 
 std::u16string LMValue::description() const { return describe(*this, false); }
-
-LMValue LMValue::jsonObject() const {
-  switch (kind()) {
-    case LMValueKind::kDictionary: {
-      LMDictionary out;
-      for (const auto& e : *asDictionary()) out.emplace(e.key, e.value.jsonObject());
-      return LMValue(std::move(out));
-    }
-    case LMValueKind::kArray: {
-      LMArray out;
-      out.reserve(asArray()->size());
-      for (const LMValue& e : *asArray()) out.push_back(e.jsonObject());
-      return LMValue(std::move(out));
-    }
-    case LMValueKind::kDate:
-      return LMValue(toString());
-    case LMValueKind::kDecimal:
-      return LMValue(asDecimal()->stringValue16());
-    case LMValueKind::kObject:
-      return asObject()->jsonObject();
-    default:
-      return *this;
-  }
-}
-
-std::optional<std::string> LMValue::toJSONData() const {
-  auto tree = toJsonTree(*this);
-  if (!tree) return std::nullopt;
-  return tree->dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::optional<std::u16string> LMValue::toJSON() const {
-  auto bytes = toJSONData();
-  if (!bytes) return std::nullopt;
-  return lmUtf16(*bytes);
-}
-
-std::optional<std::u16string> LMValue::toJSONPretty() const {
-  auto tree = toJsonTree(*this);
-  if (!tree) return std::nullopt;
-  return lmUtf16(tree->dump(2, ' ', false, Json::error_handler_t::replace));
-}
-
-std::optional<LMValue> LMValue::fromJSONData(std::string_view bytes) {
-  if (!nestingWithinLimit(bytes)) return std::nullopt;
-  Json parsed = Json::parse(bytes.begin(), bytes.end(), nullptr, false);
-  if (parsed.is_discarded() || !(parsed.is_array() || parsed.is_object())) return std::nullopt;
-  return fromJsonTree(parsed);
-}
-
-std::optional<LMValue> LMValue::fromJSON(std::u16string_view text) {
-  return fromJSONData(lmUtf8(text));
-}
 
 int LMValue::compare(const LMValue& other) const {
   if (isNumber() && other.isNumber()) {

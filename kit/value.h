@@ -300,6 +300,17 @@ struct LMDictionaryEntry {
 // A shared nil value, for lookups that return references.
 const LMValue& lmNil();
 
+// --- JSON in pieces ---
+// Receives JSON text piece by piece (UTF-8, pieces of about 64 KiB).
+using LMJSONSink = std::function<void(std::string_view piece)>;
+// Writes `value` as JSON to `sink` without building the text or a JSON tree
+// first: the bytes of v.toJSONData() (pretty: of v.toJSONPretty() in UTF-8)
+// where v is `value` after `projections` passes of jsonObject(), projected as
+// the writer goes. Answers false, having written nothing, when that would be
+// nullopt. Memory beyond `value` stays at one piece and the projection of one
+// shared object at a time.
+bool lmWriteJSON(const LMValue& value, int projections, bool pretty, const LMJSONSink& sink);
+
 // --- Array helpers ---
 // The first / last element, or nullptr when the array is empty.
 inline const LMValue* lmFirst(const LMArray& a) { return a.empty() ? nullptr : &a.front(); }

@@ -1,6 +1,7 @@
 #include "kit/value.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <limits>
 
@@ -152,6 +153,48 @@ TEST(JsonTest, ProjectionTurnsDatesAndDecimalsIntoText) {
   EXPECT_FALSE(LMValue(LMArray{LMData{1}}).toJSON().has_value());
   EXPECT_FALSE(LMValue(LMArray{std::numeric_limits<double>::infinity()}).toJSON().has_value());
   EXPECT_EQ(u"[\n  1,\n  \"ä\"\n]", LMValue(LMArray{1, u"ä"}).toJSONPretty().value());
+}
+
+TEST(JsonTest, WriterInPiecesWritesWhatTheLibraryWrites) {
+  LMArray many;
+  for (int i = 0; i < 20000; ++i) many.emplace_back(LMDictionary{{u"n", i * 0.1}});
+  const LMValue cases[] = {
+      LMValue(LMDictionary{{u"a", LMArray{}}, {u"b", LMDictionary{}}, {u"c\"\n\u00e4", -0.0},
+                           {u"d", LMArray{1e300, 5e-324, -7, true, LMValue::null()}},
+                           {u"e", u"tab\t\u0001 \xD800 \U0001F600"}}),
+      LMValue(LMArray{LMArray{LMArray{}}, LMDictionary{{u"x", LMArray{1, 2}}}}),
+      LMValue(many),
+  };
+  for (const LMValue& value : cases) {
+    for (bool pretty : {false, true}) {
+      SCOPED_TRACE(pretty);
+      std::string written;
+      int pieces = 0;
+      ASSERT_TRUE(lmWriteJSON(value, 0, pretty, [&](std::string_view piece) {
+        written += piece;
+        ++pieces;
+      }));
+      const auto tree = nlohmann::ordered_json::parse(written);
+      EXPECT_EQ(tree.dump(pretty ? 2 : -1), written);
+      EXPECT_EQ(pieces > 1, written.size() > 70000);
+    }
+  }
+}
+
+TEST(JsonTest, WriterProjectsAsJsonObjectDoes) {
+  const LMValue decimal = LMDecimal::decimalNumberWithAmountInteger(1250);
+  const LMDictionary d{{u"date", LMDate::fromTimeIntervalSince1970(1614729600.7)},
+                       {u"list", LMArray{decimal, std::make_shared<Thing>()}}};
+  for (int projections : {0, 1, 2}) {
+    SCOPED_TRACE(projections);
+    LMValue projected = LMValue(d);
+    for (int i = 0; i < projections; ++i) projected = projected.jsonObject();
+    std::string written;
+    const bool ok =
+        lmWriteJSON(LMValue(d), projections, false, [&](std::string_view p) { written += p; });
+    EXPECT_EQ(projected.toJSONData().has_value(), ok);
+    EXPECT_EQ(projected.toJSONData().value_or(""), written);
+  }
 }
 
 TEST(JsonTest, ReadsObjectsAndArraysAndRefusesEverythingElse) {

@@ -47,6 +47,106 @@ std::unique_ptr<icu::RegexPattern> compilePattern(std::u16string_view pattern,
   return compiled;
 }
 
+// Letter classes as case-insensitive recognizer patterns spell them, each with
+// a spelling that matches the same code points without ICU's closing the set
+// over case. ICU closes every set of a case-insensitive pattern one code point
+// at a time, which costs milliseconds for a set of all letters and made up
+// nearly all of a one-page analysis's time in a fresh process. Each of these
+// sets is closed over case already, once U+0345 (which folds to a Greek
+// letter) joins "\p{L}"; regex_test.cc checks every pair code point by code
+// point.
+struct CaseClosedSet {
+  std::u16string_view spelling;
+  std::u16string_view closed;  // the same set, matched case-sensitively
+};
+constexpr CaseClosedSet kCaseClosedSets[] = {
+    {u"[[:alpha:]]", u"[[:alpha:]]"},
+    {uR"([\p{L}])", uR"([\p{L}\x{345}])"},
+    {uR"([\p{L}\d])", uR"([\p{L}\x{345}\d])"},
+    {uR"([\p{L}\d\-])", uR"([\p{L}\x{345}\d\-])"},
+    {uR"([\p{L}\d@.\-/_])", uR"([\p{L}\x{345}\d@.\-/_])"},
+    {uR"([^\s<>"\x{201c}\x{201d}\x{ab}\x{bb}])", uR"([^\s<>"\x{201c}\x{201d}\x{ab}\x{bb}])"},
+};
+
+// Length of the quantifier at the start of `rest` ("*+", "{1,30}+", "?"...),
+// 0 when there is none.
+size_t quantifierLength(std::u16string_view rest) {
+  size_t length = 0;
+  if (!rest.empty() && (rest[0] == u'*' || rest[0] == u'+' || rest[0] == u'?')) {
+    length = 1;
+  } else if (!rest.empty() && rest[0] == u'{') {
+    length = rest.find(u'}');
+    if (length == std::u16string_view::npos) return 0;
+    ++length;
+  }
+  if (length > 0 && length < rest.size() && (rest[length] == u'+' || rest[length] == u'?')) {
+    ++length;
+  }
+  return length;
+}
+
+}  // namespace
+
+std::vector<std::u16string_view> lmCaseClosedSetSpellings() {
+  std::vector<std::u16string_view> spellings;
+  for (const CaseClosedSet& set : kCaseClosedSets) spellings.push_back(set.spelling);
+  return spellings;
+}
+
+std::u16string lmCaseClosedSpelling(std::u16string_view pattern, uint64_t options) {
+  const bool freeSpacing = options & kLMRegexAllowCommentsAndWhitespace;
+  std::u16string out;
+  out.reserve(pattern.size() + 64);
+  size_t depth = 0;  // nesting of "[" sets
+  for (size_t i = 0; i < pattern.size();) {
+    const char16_t c = pattern[i];
+    if (c == u'\\' && i + 1 < pattern.size() && pattern[i + 1] == u'Q') {
+      const size_t end = pattern.find(u"\\E", i + 2);
+      const size_t stop = end == std::u16string_view::npos ? pattern.size() : end + 2;
+      out.append(pattern.substr(i, stop - i));
+      i = stop;
+      continue;
+    }
+    // Comments are copied as they are, "(?#...)" and, free-spacing, "#" to the line's end.
+    const bool inlineComment = pattern.substr(i).starts_with(u"(?#");
+    if (depth == 0 && (inlineComment || (freeSpacing && c == u'#'))) {
+      const size_t end = pattern.find(inlineComment ? u')' : u'\n', i);
+      const size_t stop = end == std::u16string_view::npos ? pattern.size() : end + 1;
+      out.append(pattern.substr(i, stop - i));
+      i = stop;
+      continue;
+    }
+    if (c == u'\\') {
+      out.append(pattern.substr(i, std::min<size_t>(2, pattern.size() - i)));
+      i += 2;
+      continue;
+    }
+    if (depth == 0 && c == u'[') {
+      const CaseClosedSet* known = nullptr;
+      for (const CaseClosedSet& set : kCaseClosedSets) {
+        if (pattern.substr(i).starts_with(set.spelling)) known = &set;
+      }
+      if (known) {
+        i += known->spelling.size();
+        const size_t quantifier = quantifierLength(pattern.substr(i));
+        out += u"(?-i:";
+        out += known->closed;
+        out += pattern.substr(i, quantifier);
+        out += u')';
+        i += quantifier;
+        continue;
+      }
+    }
+    if (c == u'[') ++depth;
+    if (c == u']' && depth > 0) --depth;
+    out += c;
+    ++i;
+  }
+  return out;
+}
+
+namespace {
+
 // The one place ICU offsets become ranges.
 LMTextRange groupRange(const icu::RegexMatcher& matcher, int32_t group) {
   UErrorCode status = U_ZERO_ERROR;
@@ -179,7 +279,10 @@ void LMRegex::configure() {
   for (const auto& [name, index] : groupNameMappings_) {
     rewrittenPattern_ = lmReplace(rewrittenPattern_, u"(?<" + name + u">", u"(");
   }
-  regex_ = compilePattern(rewrittenPattern_, options_);
+  regex_ = compilePattern((options_ & kLMRegexCaseInsensitive)
+                             ? lmCaseClosedSpelling(rewrittenPattern_, options_)
+                             : rewrittenPattern_,
+                         options_);
   LMAssert(regex_);
 }
 

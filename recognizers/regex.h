@@ -44,6 +44,16 @@ inline constexpr uint64_t kLMRegexDefaultOptions =
 
 class LMRegexMatch;
 
+// `pattern` as a case-insensitive pattern is compiled: each letter class that
+// is closed over case already (such as "[[:alpha:]]" or "[\p{L}\d]", outside
+// other sets and comments) is wrapped, with its quantifier, in "(?-i:...)",
+// so that ICU need not close it over case code point by code point. Matches
+// exactly what `pattern` matches with kLMRegexCaseInsensitive; groups keep
+// their numbers. `options` tells whether "#" starts a comment.
+std::u16string lmCaseClosedSpelling(std::u16string_view pattern, uint64_t options);
+// The letter classes lmCaseClosedSpelling wraps, as patterns spell them.
+std::vector<std::u16string_view> lmCaseClosedSetSpellings();
+
 // A compiled pattern with named groups.
 //
 // Construction never fails: when the rewritten pattern does not compile, a

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unicode/regex.h>
+#include <unicode/utf16.h>
 
 #include <atomic>
 #include <string>
@@ -210,6 +212,69 @@ TEST(RegexTest, EngineFeaturesRecognizersUse) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(LMRegex(c.pattern).allStringMatchesinString(c.text), c.matches);
   }
+}
+
+// Where a pattern compiled by ICU itself matches in `text`.
+std::vector<int32_t> icuMatchStarts(std::u16string_view pattern, uint32_t flags,
+                                    const icu::UnicodeString& text) {
+  UErrorCode status = U_ZERO_ERROR;
+  UParseError parseError{};
+  std::unique_ptr<icu::RegexPattern> compiled(icu::RegexPattern::compile(
+      icu::UnicodeString(pattern.data(), static_cast<int32_t>(pattern.size())), flags,
+      parseError, status));
+  std::unique_ptr<icu::RegexMatcher> matcher(compiled ? compiled->matcher(text, status) : nullptr);
+  std::vector<int32_t> starts;
+  while (U_SUCCESS(status) && matcher && matcher->find(status)) {
+    starts.push_back(matcher->start(status));
+  }
+  EXPECT_TRUE(U_SUCCESS(status)) << u_errorName(status);
+  return starts;
+}
+
+TEST(RegexTest, CaseClosedSpellingsMatchTheSameCodePoints) {
+  icu::UnicodeString every;  // every code point but the surrogates, one after another
+  for (UChar32 c = 1; c <= 0x10FFFF; ++c) {
+    if (!U_IS_SURROGATE(c)) every.append(c);
+  }
+  const uint32_t flags = UREGEX_CASE_INSENSITIVE;
+  for (std::u16string_view spelling : lmCaseClosedSetSpellings()) {
+    SCOPED_TRACE(lmUtf8(std::u16string(spelling)));
+    const std::u16string closed = lmCaseClosedSpelling(spelling, 0);
+    EXPECT_NE(closed, spelling);
+    const std::vector<int32_t> expected = icuMatchStarts(spelling, flags, every);
+    EXPECT_GT(expected.size(), 1000u);
+    EXPECT_EQ(icuMatchStarts(closed, flags, every), expected);
+  }
+}
+
+TEST(RegexTest, CaseClosedSpellingLeavesOtherPartsAlone) {
+  const struct Case {
+    std::u16string pattern;
+    uint64_t options;
+    std::u16string spelled;
+  } cases[] = {
+      {u"(?<![[:alpha:]])x(?![[:alpha:]])", 0,
+       u"(?<!(?-i:[[:alpha:]]))x(?!(?-i:[[:alpha:]]))"},
+      {uR"(w [\p{L}\d\-]++ (?: . [\p{L}\d\-]{1,3}? )+)", 0,
+       uR"(w (?-i:[\p{L}\x{345}\d\-]++) (?: . (?-i:[\p{L}\x{345}\d\-]{1,3}?) )+)"},
+      // Inside another set, escaped, quoted or in a comment: not a set of its own.
+      {u"[a[[:alpha:]]]", 0, u"[a[[:alpha:]]]"},
+      {uR"(\[[:alpha:]])", 0, uR"(\[[:alpha:]])"},
+      {uR"(\Q[[:alpha:]]\E)", 0, uR"(\Q[[:alpha:]]\E)"},
+      {u"(?# [[:alpha:]])x", 0, u"(?# [[:alpha:]])x"},
+      {u"x # [[:alpha:]]\n[[:alpha:]]", kLMRegexAllowCommentsAndWhitespace,
+       u"x # [[:alpha:]]\n(?-i:[[:alpha:]])"},
+      {u"[[:alpha:]]\\d", 0, u"(?-i:[[:alpha:]])\\d"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(lmUtf8(c.pattern));
+    EXPECT_EQ(lmUtf8(lmCaseClosedSpelling(c.pattern, c.options)), lmUtf8(c.spelled));
+  }
+  // Free-spacing patterns get the spelling; the pattern and its groups stay as written.
+  const LMRegex regex(u"(?<w>[[:alpha:]]+) # word");
+  EXPECT_EQ(lmUtf8(regex.rewrittenPattern()), "([[:alpha:]]+) # word");
+  EXPECT_EQ(utf8(regex.firstMatchInString(u"1 \u0130stanbul.")->stringForGroupName(u"w")),
+            "\u0130stanbul");
 }
 
 TEST(RegexTest, SharedRegexSearchesFromManyThreads) {

@@ -123,7 +123,15 @@ std::optional<LMValue> parseRate(const std::string& text) {
 
 struct Outcome {
   bool ok = false;
-  std::string text;  // what to print for this file
+  std::string text;  // what to print for this file, unless `json` is set
+  // A JSON result, written in pieces when its turn comes so that the whole
+  // text never sits in memory (LMValue::jsonObject applied twice on the way).
+  std::optional<LMValue> json;
+  bool pretty = false;
+
+  Outcome() = default;
+  Outcome(bool isOk, std::string line) : ok(isOk), text(std::move(line)) {}
+  Outcome(LMValue result, bool isPretty) : ok(true), json(std::move(result)), pretty(isPretty) {}
 };
 
 std::string twoPlaces(const LMValue& v) {
@@ -234,27 +242,39 @@ Outcome analyzeFile(const std::string& path, const Options& options, bool withFi
   }
   LMDictionary output;
   if (withFileKey) output.set(u"file", lmUtf16(path));
-  for (const auto& entry : result) {
-    if (entry.key == u"facts" && facts) {
+  // The result's values move into the output instead of being copied.
+  LMDictionary& owned = *reply.result->asDictionary();
+  for (const std::u16string& key : owned.keys()) {
+    LMValue& value = *owned.find(key);
+    if (key == u"facts" && facts) {
       output.set(u"facts", lmFactsJSONObject(*facts));
       continue;
     }
-    if (entry.key != u"pages") {
-      output.set(entry.key.view(), entry.value);
+    if (key != u"pages") {
+      output.set(key, std::move(value));
       continue;
     }
     LMArray texts;
-    if (const LMArray* pages = entry.value.asArray()) {
+    if (const LMArray* pages = value.asArray()) {
       for (const LMValue& page : *pages) texts.emplace_back(page.toString());
     }
     output.set(u"pages", std::move(texts));
   }
   // Found elements project into dictionaries that may still hold decimals;
-  // a second pass turns those into text as well.
-  const LMValue json = LMValue(output).jsonObject().jsonObject();
-  auto text = withFileKey ? json.toJSON() : json.toJSONPretty();
-  if (!text) return {false, "{\"file\": \"" + path + "\", \"error\": \"Result is not JSON\"}"};
-  return {true, lmUtf8(*text)};
+  // a second projection turns those into text as well.
+  return Outcome(LMValue(std::move(output)), !withFileKey);
+}
+
+// Prints one outcome and a line break; false when it is not a success.
+bool printOutcome(const Outcome& o, const std::string& path) {
+  const auto sink = [](std::string_view piece) { std::cout.write(piece.data(), piece.size()); };
+  if (o.json && !lmWriteJSON(*o.json, 2, o.pretty, sink)) {
+    std::cout << "{\"file\": \"" << path << "\", \"error\": \"Result is not JSON\"}\n";
+    return false;
+  }
+  if (!o.json) std::cout << o.text;
+  std::cout << "\n";
+  return o.ok;
 }
 
 int analyze(const Options& options, const Performer& perform) {
@@ -272,9 +292,8 @@ int analyze(const Options& options, const Performer& perform) {
   // Prints finished results in input order as soon as the earlier ones are out.
   auto flushInOrder = [&] {
     while (nextToPrint < count && done[nextToPrint]) {
-      const Outcome& o = outcomes[nextToPrint];
-      if (!o.ok) failed = true;
-      std::cout << o.text << "\n";
+      if (!printOutcome(outcomes[nextToPrint], options.files[nextToPrint])) failed = true;
+      outcomes[nextToPrint] = Outcome();  // printed: its memory goes
       ++nextToPrint;
     }
     std::cout.flush();
