@@ -1,5 +1,6 @@
 #include "facts/text_country.h"
 
+#include <algorithm>
 #include <unordered_map>
 
 namespace {
@@ -41,6 +42,11 @@ const CountryClue kPhonePrefixes[] = {
 // The prefixes of European VAT ids.
 constexpr std::u16string_view kVatPrefixes =
     u"AT BE BG CY CZ DE DK EE EL ES FI FR GB HR HU IE IT LT LU LV MT NL PL PT RO SE SI SK CH NO";
+
+// The states of the US as its addresses print them before the ZIP code.
+constexpr std::u16string_view kUsStates =
+    u"AL AK AZ AR CA CO CT DE FL GA HI ID IL IN IA KS KY LA ME MD MA MI MN MS MO MT NE NV NH NJ NM NY NC "
+    u"ND OH OK OR PA RI SC SD TN TX UT VT VA WA WV WI WY DC";
 
 const char16_t* const kLanguages[] = {u"de", u"en", u"fr", u"it", u"es", u"nl"};
 
@@ -110,6 +116,17 @@ void LMCountryClues::addPage(std::u16string_view text, std::u16string_view folde
       if (country == u"EL") country = u"GR";
       countries_[country] += 3;
     }
+  }
+  // A US address: "Springfield, IL 62704", the state after a comma and
+  // before five digits.
+  for (size_t at = text.find(u", "); at != std::u16string_view::npos; at = text.find(u", ", at + 1)) {
+    const std::u16string_view rest = text.substr(at + 2, 9);
+    if (rest.size() < 8 || rest[2] != u' ' || !std::all_of(rest.begin() + 3, rest.begin() + 8, isDigit) ||
+        (rest.size() > 8 && isAlnum(rest[8]))) {
+      continue;
+    }
+    const size_t state = kUsStates.find(rest.substr(0, 2));
+    if (state != std::u16string_view::npos && state % 3 == 0) countries_[u"US"] += 2;
   }
   const auto& words = languageWords();
   for (size_t i = 0; i < folded.size();) {

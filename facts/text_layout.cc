@@ -121,7 +121,10 @@ const std::pair<std::u16string_view, int> kMonths[] = {
     {u"october", 10},   {u"octobre", 10},  {u"ottobre", 10},  {u"octubre", 10}, {u"okt", 10},
     {u"oct", 10},       {u"november", 11}, {u"novembre", 11}, {u"noviembre", 11}, {u"nov", 11},
     {u"dezember", 12},  {u"december", 12}, {u"decembre", 12}, {u"dicembre", 12}, {u"diciembre", 12},
-    {u"dez", 12},       {u"dec", 12},
+    {u"dez", 12},       {u"dec", 12},      {u"janner", 1},    {u"janv", 1},     {u"fevr", 2},
+    {u"avr", 4},        {u"juil", 7},      {u"gen", 1},       {u"mag", 5},      {u"giu", 6},
+    {u"lug", 7},        {u"ago", 8},       {u"set", 9},       {u"ott", 10},     {u"dic", 12},
+    {u"ene", 1},        {u"abr", 4},       {u"mrt", 3},
 };
 
 
@@ -134,6 +137,19 @@ int numberOf(std::u16string_view word) {
     n = n * 10 + (c - u'0');
   }
   return n;
+}
+
+// A day of the month, 1 to 31, also as an ordinal ("3rd", "1st", "1er",
+// "1º"); -1 for anything else.
+int dayNumber(std::u16string_view word) {
+  for (std::u16string_view suffix : {u"st", u"nd", u"rd", u"th", u"er", u"\u00BA"}) {
+    if (word.size() > suffix.size() && word.ends_with(suffix)) {
+      word.remove_suffix(suffix.size());
+      break;
+    }
+  }
+  const int n = numberOf(word);
+  return n >= 1 && n <= 31 ? n : -1;
 }
 
 // Whether `range` shares a unit with one of `sorted` (in text order; the
@@ -302,15 +318,14 @@ void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view 
     // "12 marzo 2024", "15 de enero de 2024", "3 maart 2024"; "March 3 2024".
     size_t first = i, last = i;
     int day = -1, year = -1;
-    if (i > 0 && numberOf(words[i - 1].text) >= 1 && numberOf(words[i - 1].text) <= 31) {
-      day = numberOf(words[i - 1].text), first = i - 1;
-    } else if (i > 1 && words[i - 1].text == u"de" && numberOf(words[i - 2].text) >= 1 &&
-               numberOf(words[i - 2].text) <= 31) {
-      day = numberOf(words[i - 2].text), first = i - 2;
+    if (i > 0 && dayNumber(words[i - 1].text) > 0) {
+      day = dayNumber(words[i - 1].text), first = i - 1;
+    } else if (i > 1 && words[i - 1].text == u"de" && dayNumber(words[i - 2].text) > 0) {
+      day = dayNumber(words[i - 2].text), first = i - 2;
     }
     size_t k = i + 1;
-    if (day < 0 && k < words.size() && numberOf(words[k].text) >= 1 && numberOf(words[k].text) <= 31) {
-      day = numberOf(words[k].text), ++k;
+    if (day < 0 && k < words.size() && dayNumber(words[k].text) > 0) {
+      day = dayNumber(words[k].text), ++k;
     }
     if (k < words.size() && (words[k].text == u"de" || words[k].text == u"del")) ++k;
     if (k < words.size() && words[k].text.size() == 4 && numberOf(words[k].text) >= 1900) {
