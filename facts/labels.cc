@@ -154,6 +154,10 @@ const std::vector<LMLabel> kLabels = {
     {u"precio unitario", R::kOtherAmount, 0.8}, {u"reeds betaald", R::kOtherAmount, 1.0},
     {u"aanbetaling", R::kOtherAmount, 1.0}, {u"stukprijs", R::kOtherAmount, 0.8},
     {u"prijs per stuk", R::kOtherAmount, 0.8},
+    // Subtotals carried from one page to the next.
+    {u"ubertrag", R::kOtherAmount, 1.0}, {u"carried forward", R::kOtherAmount, 1.0},
+    {u"brought forward", R::kOtherAmount, 1.0}, {u"a reporter", R::kOtherAmount, 1.0},
+    {u"riporto", R::kOtherAmount, 1.0}, {u"suma y sigue", R::kOtherAmount, 1.0},
 
     // Dates that are not the issue date.
     {u"falligkeitsdatum", R::kOtherDate, 1.0}, {u"fallig", R::kOtherDate, 1.0},

@@ -30,6 +30,12 @@ const CountryClue kCountryClues[] = {
     {u"toronto", u"CA"},     {u"montreal", u"CA"},    {u"vancouver", u"CA"},
     {u"mumbai", u"IN"},      {u"bangalore", u"IN"},   {u"bengaluru", u"IN"},
     {u"new delhi", u"IN"},   {u"new york", u"US"},    {u"california", u"US"},
+    // Numbers that only one country's businesses print: the Australian and
+    // New Zealand business numbers, New Zealand's tax office number, India's
+    // GST id, Canada's harmonized and Quebec sales taxes.
+    {u"abn", u"AU"},         {u"acn", u"AU"},         {u"nzbn", u"NZ"},
+    {u"ird", u"NZ"},         {u"gstin", u"IN"},       {u"hst", u"CA"},
+    {u"qst", u"CA"},         {u"nsw", u"AU"},         {u"qld", u"AU"},
 };
 // Phone prefixes as printed ("+49"), VAT id prefixes ("DE123456789").
 const CountryClue kPhonePrefixes[] = {

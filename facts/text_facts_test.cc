@@ -120,6 +120,11 @@ TEST(TextFactsTest, GeometryAndArithmetic) {
        {{u"Invoice date: 14 Mar 2024", 300, 740}, {u"Auckland", 60, 700}, {u"Total due  $ 287.50", 300, 400},
         {u"All charges include 15% GST:  $ 37.50", 60, 385}},
        "287.5", "250", "37.5", "NZD", "2024-03-14"},
+      // A page's subtotal carried to the next is no total.
+      {"carried forward",
+       {{u"Datum: 02.02.2024", 300, 740}, {u"Summe Übertrag   1.250,00", 300, 700},
+        {u"Gesamt           1.595,00", 300, 370}},
+       "1595", "-", "-", "-", "2024-02-02"},
       // A small business charges no tax and says why.
       {"zero tax",
        {{u"Datum: 10.01.2024", 300, 740}, {u"Kein Ausweis der Umsatzsteuer (Kleinunternehmer)", 60, 420},
@@ -201,6 +206,8 @@ TEST(TextFactsTest, CurrencyFromEvidence) {
       {"code beside the total", {{u"Total  CHF 54.00", 300, 400}, {u"EUR 1 = CHF 0.95", 60, 300}}, "CHF",
        "near the amount"},
       {"dollar by the address", {{u"ABN 51 824 753 556, Sydney", 60, 700}, {u"Total $ 20.00", 300, 400}}, "AUD",
+       "symbol near the amount, read by the country"},
+      {"dollar by the tax number", {{u"IRD 123-456-789", 60, 700}, {u"Total $ 20.00", 300, 400}}, "NZD",
        "symbol near the amount, read by the country"},
       {"most frequent mention", {{u"Total 20.00", 300, 400}, {u"Prices in GBP", 60, 300}, {u"GBP only", 60, 280}},
        "GBP", "the only currency mentioned"},
