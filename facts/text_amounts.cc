@@ -311,7 +311,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   std::vector<const LMFoundNumber*> found;
   if (parser.numbers()) {
     for (const auto& n : *parser.numbers()) {
-      if (n) found.push_back(n.get());
+      if (n && !layout.supersedes(*n)) found.push_back(n.get());
     }
   }
   for (const auto& n : layout.extraAmounts()) found.push_back(n.get());

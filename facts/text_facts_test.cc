@@ -120,6 +120,11 @@ TEST(TextFactsTest, GeometryAndArithmetic) {
        {{u"Invoice date: 14 Mar 2024", 300, 740}, {u"Auckland", 60, 700}, {u"Total due  $ 287.50", 300, 400},
         {u"All charges include 15% GST:  $ 37.50", 60, 385}},
        "287.5", "250", "37.5", "NZD", "2024-03-14"},
+      // Thousands set apart by a space, plain or no-break.
+      {"thousands apart",
+       {{u"Date : 15/01/2024", 300, 760}, {u"Total HT    1 000,00 €", 300, 420},
+        {u"TVA 20 %      200,00 €", 300, 405}, {u"Total TTC   1\u00A0200,00 €", 300, 390}},
+       "1200", "1000", "200", "EUR", "2024-01-15"},
       // A page's subtotal carried to the next is no total.
       {"carried forward",
        {{u"Datum: 02.02.2024", 300, 740}, {u"Summe Übertrag   1.250,00", 300, 700},

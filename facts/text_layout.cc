@@ -69,11 +69,20 @@ void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates,
   }
 }
 
-// Amounts written with two decimals, "1.234,56", "-20,48", "233,47-", at
-// `i`; their length, 0 when none starts there.
-size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths) {
+// What sets thousands apart: a space, plain or no-break; a line break where
+// the page cleaning turned a no-break space into one.
+bool isGroupSpace(char16_t c) { return c == u' ' || c == u'\u00A0' || c == u'\u202F' || c == u'\n'; }
+
+// Amounts written with two decimals, "1.234,56", "-20,48", "233,47-",
+// "1 234,56" (thousands set apart by a space), at `i`; their length, 0 when
+// none starts there. `grouped`: thousands set apart by a space. A line break
+// between two groups sets them apart only where `sameRow(at)` says the units
+// before and after the break at `at` stand side by side on one row.
+template <typename SameRow>
+size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths, bool& grouped, const SameRow& sameRow) {
   size_t j = i;
   bool negative = false;
+  grouped = false;
   if (text[j] == u'-' || text[j] == u'\u2212') {
     negative = true;
     ++j;
@@ -81,15 +90,23 @@ size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths) {
   }
   if (j >= text.size() || !isDigit(text[j])) return 0;
   int64_t value = 0;
-  size_t digits = 0;
+  size_t digits = 0, groupDigits = 0;
   size_t lastSeparator = std::u16string_view::npos;
   for (; j < text.size(); ++j) {
     const char16_t c = text[j];
     if (isDigit(c)) {
       if (++digits > 13) return 0;
       value = value * 10 + (c - u'0');
+      ++groupDigits;
     } else if ((c == u'.' || c == u',' || c == u'\'') && j + 1 < text.size() && isDigit(text[j + 1])) {
       lastSeparator = j;
+      groupDigits = 0;
+    } else if (isGroupSpace(c) && lastSeparator == std::u16string_view::npos && groupDigits >= 1 &&
+               groupDigits <= 3 && (!grouped || groupDigits == 3) && j + 4 < text.size() &&
+               isDigit(text[j + 1]) && isDigit(text[j + 2]) && isDigit(text[j + 3]) && !isDigit(text[j + 4]) &&
+               (c != u'\n' || sameRow(j))) {
+      grouped = true;
+      groupDigits = 0;
     } else {
       break;
     }
@@ -359,13 +376,21 @@ void LMTextLayout::collectAmounts(const LMPageGeometry& page, std::u16string_vie
       continue;
     }
     int64_t hundredths = 0;
-    const size_t length = amountAt(text, i, hundredths);
+    bool grouped = false;
+    auto sameRow = [&](size_t at) {
+      const LMRect before = page.box(at - 1, at), after = page.box(at + 1, at + 2);
+      return lmSameRow(before, after) && after.x >= before.x && after.x - (before.x + before.width) < 2 * before.width;
+    };
+    const size_t length = amountAt(text, i, hundredths, grouped, sameRow);
     if (length == 0) continue;
     const LMTextRange range = LMTextRange::make(i, length);
-    if (!intersectsAny(numbers, range) && !intersectsAny(dates, range)) {
+    // The standard recognizers read "1 234,56" as "234,56": the whole
+    // amount replaces what they found inside it.
+    if ((grouped || !intersectsAny(numbers, range)) && !intersectsAny(dates, range)) {
       auto n = std::make_shared<LMFoundNumber>(hundredths, 2);
       place(*n, page, range, text);
       extraAmounts_.push_back(std::move(n));
+      if (grouped) groupedAmounts_.push_back({page.index, range});
     }
     i += length - 1;
   }
@@ -401,6 +426,19 @@ void LMTextLayout::markValuesOnRows(const LMReceiptParser& parser) {
   markAll(parser.dates());
   markAll(std::optional(extraAmounts_));
   markAll(std::optional(extraDates_));
+}
+
+bool LMTextLayout::supersedes(const LMFoundElement& element) const {
+  const auto key = std::pair(element.page(), element.range().location);
+  // groupedAmounts_ is in page and text order; the amounts do not overlap.
+  auto it = std::upper_bound(groupedAmounts_.begin(), groupedAmounts_.end(), key,
+                             [](const std::pair<int64_t, uint64_t>& k, const GroupedAmount& g) {
+                               return k < std::pair(g.page, g.range.location);
+                             });
+  if (it == groupedAmounts_.begin()) return false;
+  --it;
+  return it->page == element.page() && element.range().end() <= it->range.end() &&
+         element.range().length < it->range.length;
 }
 
 double LMTextLayout::roleWeight(LMLabelRole role) const {

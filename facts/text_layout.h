@@ -74,6 +74,10 @@ class LMTextLayout {
   // front, a currency sign behind), as elements of this layout's own; the
   // standard elements stay untouched.
   const std::vector<std::shared_ptr<LMFoundNumber>>& extraAmounts() const { return extraAmounts_; }
+  // Whether `element`, a standard amount, is only a part of an amount of
+  // this layout's own: "234,56" of "1 234,56", whose thousands a space sets
+  // apart.
+  bool supersedes(const LMFoundElement& element) const;
   // Dates with month names the standard recognizers do not know ("12 marzo
   // 2024", "15 de enero de 2024", "1 februari 2024"), likewise the layout's own.
   const std::vector<std::shared_ptr<LMFoundDate>>& extraDates() const { return extraDates_; }
@@ -125,6 +129,11 @@ class LMTextLayout {
   std::vector<LMDecimal> rates_;
   std::vector<LMRateMention> rateMentions_;
   std::vector<std::shared_ptr<LMFoundNumber>> extraAmounts_;
+  struct GroupedAmount {
+    int64_t page;
+    LMTextRange range;
+  };
+  std::vector<GroupedAmount> groupedAmounts_;  // in page and text order
   std::vector<std::shared_ptr<LMFoundDate>> extraDates_;
   std::u16string country_;
   std::u16string language_;
