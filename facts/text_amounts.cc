@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <set>
 
 #include "analysis/receipt_parser.h"
 
@@ -212,6 +213,7 @@ void offerRateRows(const std::vector<Amount>& amounts, const std::vector<LMRateM
   auto key = [](const Amount* a) { return std::pair(a->element->page(), a->element->bbox().standardized().y); };
   std::sort(byRow.begin(), byRow.end(), [&](const Amount* a, const Amount* b) { return key(a) < key(b); });
   std::vector<std::pair<const Amount*, const Amount*>> pairs;  // basis, tax
+  std::set<std::pair<const Amount*, const Amount*>> seen;       // two rates on one row
   std::vector<const Amount*> row;
   for (const LMRateMention& m : mentions) {
     row.clear();
@@ -225,7 +227,7 @@ void offerRateRows(const std::vector<Amount>& amounts, const std::vector<LMRateM
       const Cents exact = taxAt(basis->cents, hundredthsOf(m.rate));
       for (const Amount* t : row) {
         if (found || t == basis || exact <= 0 || std::llabs(t->cents - exact) > 1) continue;
-        if (std::find(pairs.begin(), pairs.end(), std::pair(basis, t)) == pairs.end()) pairs.emplace_back(basis, t);
+        if (seen.insert(std::pair(basis, t)).second) pairs.emplace_back(basis, t);
         found = true;
       }
     }
