@@ -198,10 +198,21 @@ void offerRateSplit(const std::vector<Amount>& amounts, const std::vector<LMDeci
 
 // A tax table without labels: a row that prints a rate, an amount and that
 // amount's tax at the rate ("19 %  100,00  19,00  119,00"; one cent off for
-// prices that include the tax) gives a basis and its tax. One such row makes
-// them net and tax candidates; several add up to them.
-void offerRateRows(const std::vector<Amount>& amounts, const std::vector<LMRateMention>& mentions,
-                   RoleValues& net, RoleValues& tax) {
+// prices that include the tax) gives a basis and its tax. The rate may stand
+// without its sign, in a column whose head carries it ("Taux %"), as an
+// amount equal to one of `rates`. One such row makes them net and tax
+// candidates; several add up to them.
+void offerRateRows(const std::vector<Amount>& amounts, std::vector<LMRateMention> mentions,
+                   const std::vector<LMDecimal>& rates, RoleValues& net, RoleValues& tax) {
+  std::vector<const Amount*> rateAmounts(mentions.size(), nullptr);  // an amount read as the rate
+  for (const Amount& a : amounts) {
+    for (const LMDecimal& r : rates) {
+      if (a.cents != hundredthsOf(r)) continue;
+      mentions.push_back({r, a.element->page(), a.element->bbox().standardized()});
+      rateAmounts.push_back(&a);
+      break;
+    }
+  }
   if (mentions.empty()) return;
   // The amounts by page and height, to find a row's amounts without a scan.
   std::vector<const Amount*> byRow;
@@ -213,21 +224,22 @@ void offerRateRows(const std::vector<Amount>& amounts, const std::vector<LMRateM
   auto key = [](const Amount* a) { return std::pair(a->element->page(), a->element->bbox().standardized().y); };
   std::sort(byRow.begin(), byRow.end(), [&](const Amount* a, const Amount* b) { return key(a) < key(b); });
   std::vector<std::pair<const Amount*, const Amount*>> pairs;  // basis, tax
-  std::set<std::pair<const Amount*, const Amount*>> seen;       // two rates on one row
+  std::set<const Amount*> seen;  // each basis once, however many rates its row shows
   std::vector<const Amount*> row;
-  for (const LMRateMention& m : mentions) {
+  for (size_t k = 0; k < mentions.size(); ++k) {
+    const LMRateMention& m = mentions[k];
     row.clear();
     auto it = std::lower_bound(byRow.begin(), byRow.end(), std::pair(m.page, m.box.y - tallest),
                                [&](const Amount* a, const std::pair<int64_t, double>& k) { return key(a) < k; });
     for (; it != byRow.end() && key(*it) <= std::pair(m.page, m.box.y + tallest); ++it) {
-      if (lmSameRow(m.box, (*it)->element->bbox())) row.push_back(*it);
+      if (*it != rateAmounts[k] && lmSameRow(m.box, (*it)->element->bbox())) row.push_back(*it);
     }
     bool found = false;
     for (const Amount* basis : row) {
       const Cents exact = taxAt(basis->cents, hundredthsOf(m.rate));
       for (const Amount* t : row) {
         if (found || t == basis || exact <= 0 || std::llabs(t->cents - exact) > 1) continue;
-        if (seen.insert(std::pair(basis, t)).second) pairs.emplace_back(basis, t);
+        if (seen.insert(basis).second) pairs.emplace_back(basis, t);
         found = true;
       }
     }
@@ -382,7 +394,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     return std::nullopt;
   };
   offerRateSplit(amounts, rates, net, tax);
-  offerRateRows(amounts, layout.rateMentions(), net, tax);
+  offerRateRows(amounts, layout.rateMentions(), rates, net, tax);
   // The tax that prices including it contain: gross x rate / (100 + rate).
   auto includedRate = [&](Cents g, Cents t) -> std::optional<LMDecimal> {
     for (const LMDecimal& r : rates) {
