@@ -12,7 +12,11 @@ A field whose truth the manifest leaves null is not counted. Also counts the
 wrong values the facts were sure of (score >= 0.9).
 
 usage: facts_accuracy.py [--lmreceipt PATH] [--corpus DIR] [--half dev|held-out|all]
-                         [--show-wrong]
+                         [--show-wrong] [--check FILE...]
+
+--check FILE... is the golden test: only the named corpus files, each of
+whose known fields must be right; the exit status is 1 when one is not, 77
+(skipped) when the corpus is not there.
 """
 import argparse
 import collections
@@ -90,6 +94,18 @@ def table(title, groups):
         print(f"{name:<24}{n:>4}{cells}")
 
 
+def check(lmreceipt, corpus, rows, wanted):
+    facts = run(lmreceipt, corpus, rows)
+    wrong = [f"{f}: not in the manifest" for f in wanted if f not in {r["file"] for r in rows}]
+    for row in rows:
+        got = facts.get(row["file"], {})
+        for field in FIELDS:
+            if row.get(TRUTH_KEY[field]) is not None and not is_right(field, row, got.get(field)):
+                wrong.append(f"{row['file']} {field}: got {got.get(field)} want {row.get(TRUTH_KEY[field])}")
+    print("\n".join(wrong) or f"{len(rows)} files right")
+    return 1 if wrong else 0
+
+
 def main():
     here = os.path.dirname(os.path.abspath(__file__))
     parser = argparse.ArgumentParser()
@@ -97,11 +113,18 @@ def main():
     parser.add_argument("--corpus", default=os.path.join(here, "..", "..", "shared", "corpus"))
     parser.add_argument("--half", default="all", choices=["dev", "held-out", "all"])
     parser.add_argument("--show-wrong", action="store_true")
+    parser.add_argument("--check", nargs="+", metavar="FILE")
     args = parser.parse_args()
 
-    with open(os.path.join(args.corpus, "manifest.jsonl")) as f:
+    manifest = os.path.join(args.corpus, "manifest.jsonl")
+    if args.check and not os.path.exists(manifest):
+        print(f"no corpus at {args.corpus}: skipped")
+        return 77
+    with open(manifest) as f:
         rows = halves([json.loads(line) for line in f if line.strip()])
     rows = [r for r in rows if r.get("text_layer", True)]
+    if args.check:
+        return check(args.lmreceipt, args.corpus, [r for r in rows if r["file"] in args.check], args.check)
     if args.half != "all":
         rows = [r for r in rows if r["half"] == args.half]
     facts = run(args.lmreceipt, args.corpus, rows)

@@ -40,6 +40,12 @@ const std::vector<LMLabel> kLabels = {
     {u"factuurbedrag", R::kGross, 1.0}, {u"eindtotaal", R::kGross, 1.0}, {u"payable", R::kGross, 0.6},
     {u"gesamtbeitrag", R::kGross, 0.6}, {u"rechnungsbeitrag", R::kGross, 1.0}, {u"beitrag", R::kGross, 0.5},
     {u"due payable", R::kGross, 0.9},
+    {u"total t t c", R::kGross, 1.0}, {u"montant t t c", R::kGross, 1.0}, {u"t t c", R::kGross, 0.6},
+    {u"montant total ttc", R::kGross, 1.0}, {u"total paid", R::kGross, 0.8},
+    {u"totale complessivo", R::kGross, 1.0}, {u"totale euro", R::kGross, 0.9},
+    {u"importo dovuto", R::kGross, 0.9}, {u"totale ivato", R::kGross, 1.0},
+    {u"total importe", R::kGross, 1.0}, {u"totaal bedrag", R::kGross, 1.0},
+    {u"totaalbedrag incl btw", R::kGross, 1.0}, {u"te voldoen", R::kGross, 0.9},
     // Net: the total without tax.
     {u"netto", R::kNet, 0.8}, {u"nettobetrag", R::kNet, 1.0}, {u"summe netto", R::kNet, 1.0},
     {u"nettosumme", R::kNet, 1.0}, {u"gesamt netto", R::kNet, 1.0}, {u"netto gesamt", R::kNet, 1.0},
@@ -57,6 +63,12 @@ const std::vector<LMLabel> kLabels = {
     {u"totale netto", R::kNet, 1.0}, {u"base imponible", R::kNet, 1.0}, {u"total sin iva", R::kNet, 1.0},
     {u"importe neto", R::kNet, 1.0}, {u"neto", R::kNet, 0.7}, {u"totaal excl btw", R::kNet, 1.0},
     {u"totaal exclusief btw", R::kNet, 1.0}, {u"subtotaal", R::kNet, 0.6}, {u"nettobeitrag", R::kNet, 1.0},
+    {u"total h t", R::kNet, 1.0}, {u"montant h t", R::kNet, 1.0}, {u"h t", R::kNet, 0.5},
+    {u"total hors taxe", R::kNet, 1.0}, {u"montant hors taxes", R::kNet, 1.0}, {u"net ht", R::kNet, 1.0},
+    {u"base imponibile", R::kNet, 1.0}, {u"importo netto", R::kNet, 1.0}, {u"imponibile iva", R::kNet, 1.0},
+    {u"totale merce", R::kNet, 0.8}, {u"subtotal sin iva", R::kNet, 1.0}, {u"base", R::kNet, 0.5},
+    {u"netto bedrag", R::kNet, 1.0}, {u"nettobedrag", R::kNet, 1.0}, {u"bedrag excl btw", R::kNet, 1.0},
+    {u"totaal netto", R::kNet, 1.0}, {u"net total amount", R::kNet, 1.0},
 
     // Tax: the tax amount.
     {u"mwst", R::kTax, 0.9}, {u"mw st", R::kTax, 0.9}, {u"ust", R::kTax, 0.8},
@@ -75,6 +87,12 @@ const std::vector<LMLabel> kLabels = {
     {u"total taxes", R::kTax, 1.0}, {u"taxes", R::kTax, 0.7}, {u"versicherungssteuer", R::kTax, 0.9},
     {u"versicherungsteuer", R::kTax, 0.9}, {u"total des taxes", R::kTax, 1.0},
     {u"total impuestos", R::kTax, 1.0},
+    {u"value added tax", R::kTax, 1.0}, {u"taxe sur la valeur ajoutee", R::kTax, 1.0},
+    {u"imposta sul valore aggiunto", R::kTax, 1.0}, {u"impuesto sobre el valor anadido", R::kTax, 1.0},
+    {u"omzetbelasting", R::kTax, 1.0}, {u"importo iva", R::kTax, 1.0}, {u"imposte", R::kTax, 0.7},
+    {u"importe iva", R::kTax, 1.0}, {u"cuota", R::kTax, 0.7}, {u"iva total", R::kTax, 1.0},
+    {u"bedrag btw", R::kTax, 1.0}, {u"btw totaal", R::kTax, 1.0}, {u"montant de la tva", R::kTax, 1.0},
+    {u"t v a", R::kTax, 0.9}, {u"i v a", R::kTax, 0.9}, {u"b t w", R::kTax, 0.9},
 
     // The document's date.
     {u"rechnungsdatum", R::kIssueDate, 1.0}, {u"datum", R::kIssueDate, 0.7},
@@ -101,6 +119,14 @@ const std::vector<LMLabel> kLabels = {
     {u"dokumentdatum", R::kIssueDate, 1.0}, {u"druckdatum", R::kOtherDate, 0.6},
     {u"issued at", R::kIssueDate, 0.9}, {u"issued on", R::kIssueDate, 0.9}, {u"vom", R::kIssueDate, 0.5},
     {u"du", R::kIssueDate, 0.4},
+    {u"data di emissione", R::kIssueDate, 1.0}, {u"data della fattura", R::kIssueDate, 1.0},
+    {u"fecha de la factura", R::kIssueDate, 1.0}, {u"fecha emision", R::kIssueDate, 1.0},
+    {u"fecha del documento", R::kIssueDate, 1.0}, {u"factuur datum", R::kIssueDate, 1.0},
+    {u"documentdatum", R::kIssueDate, 1.0}, {u"date de la facture", R::kIssueDate, 1.0},
+    {u"invoice issue date", R::kIssueDate, 1.0}, {u"date invoiced", R::kIssueDate, 1.0},
+    {u"date of bill", R::kIssueDate, 1.0}, {u"bill issued", R::kIssueDate, 0.9},
+    {u"statement issued", R::kIssueDate, 0.9}, {u"date of statement", R::kIssueDate, 0.9},
+    {u"receipt issued", R::kIssueDate, 0.9},
 
     // Amounts that are none of gross, net and tax.
     {u"ruckgeld", R::kOtherAmount, 1.0}, {u"gegeben", R::kOtherAmount, 1.0},
@@ -119,6 +145,19 @@ const std::vector<LMLabel> kLabels = {
     {u"korting", R::kOtherAmount, 0.6}, {u"skonto", R::kOtherAmount, 0.8},
     {u"einzelpreis", R::kOtherAmount, 0.8}, {u"unit price", R::kOtherAmount, 0.8},
     {u"prix unitaire", R::kOtherAmount, 0.8}, {u"stuckpreis", R::kOtherAmount, 0.8},
+    {u"opening balance", R::kOtherAmount, 1.0}, {u"balance forward", R::kOtherAmount, 1.0},
+    {u"payments received", R::kOtherAmount, 1.0}, {u"payment received", R::kOtherAmount, 1.0},
+    {u"credit applied", R::kOtherAmount, 1.0}, {u"deposit paid", R::kOtherAmount, 1.0},
+    {u"acconto", R::kOtherAmount, 1.0}, {u"gia pagato", R::kOtherAmount, 1.0},
+    {u"prezzo unitario", R::kOtherAmount, 0.8}, {u"a cuenta", R::kOtherAmount, 1.0},
+    {u"anticipo", R::kOtherAmount, 1.0}, {u"entregado", R::kOtherAmount, 1.0},
+    {u"precio unitario", R::kOtherAmount, 0.8}, {u"reeds betaald", R::kOtherAmount, 1.0},
+    {u"aanbetaling", R::kOtherAmount, 1.0}, {u"stukprijs", R::kOtherAmount, 0.8},
+    {u"prijs per stuk", R::kOtherAmount, 0.8},
+    // Subtotals carried from one page to the next.
+    {u"ubertrag", R::kOtherAmount, 1.0}, {u"carried forward", R::kOtherAmount, 1.0},
+    {u"brought forward", R::kOtherAmount, 1.0}, {u"a reporter", R::kOtherAmount, 1.0},
+    {u"riporto", R::kOtherAmount, 1.0}, {u"suma y sigue", R::kOtherAmount, 1.0},
 
     // Dates that are not the issue date.
     {u"falligkeitsdatum", R::kOtherDate, 1.0}, {u"fallig", R::kOtherDate, 1.0},
@@ -154,6 +193,23 @@ const std::vector<LMLabel> kLabels = {
     {u"ursprungsrechnung", R::kOtherDate, 1.0}, {u"beginn", R::kOtherDate, 0.8},
     {u"ende", R::kOtherDate, 0.8}, {u"fattura di riferimento", R::kOtherDate, 1.0},
     {u"factura original", R::kOtherDate, 1.0},
+    {u"payment due date", R::kOtherDate, 1.0}, {u"invoice due date", R::kOtherDate, 1.0},
+    {u"due by", R::kOtherDate, 1.0}, {u"pay by", R::kOtherDate, 1.0}, {u"payable by", R::kOtherDate, 1.0},
+    {u"service period", R::kOtherDate, 1.0}, {u"statement period", R::kOtherDate, 1.0},
+    {u"billing cycle", R::kOtherDate, 1.0}, {u"for the period", R::kOtherDate, 1.0},
+    {u"period covered", R::kOtherDate, 1.0}, {u"service dates", R::kOtherDate, 1.0},
+    {u"usage period", R::kOtherDate, 1.0}, {u"next billing date", R::kOtherDate, 1.0},
+    {u"renewal date", R::kOtherDate, 1.0}, {u"expiry date", R::kOtherDate, 1.0},
+    {u"expiration date", R::kOtherDate, 1.0}, {u"valid through", R::kOtherDate, 1.0},
+    {u"date of service", R::kOtherDate, 1.0}, {u"service date", R::kOtherDate, 1.0},
+    {u"data di scadenza", R::kOtherDate, 1.0}, {u"periodo di riferimento", R::kOtherDate, 1.0},
+    {u"periodo di fatturazione", R::kOtherDate, 1.0}, {u"data ddt", R::kOtherDate, 1.0},
+    {u"ddt", R::kOtherDate, 0.8}, {u"fecha vencimiento", R::kOtherDate, 1.0},
+    {u"fecha de operacion", R::kOtherDate, 0.8}, {u"periodo de facturacion", R::kOtherDate, 1.0},
+    {u"uiterste betaaldatum", R::kOtherDate, 1.0}, {u"factuurperiode", R::kOtherDate, 1.0},
+    {u"date limite de paiement", R::kOtherDate, 1.0},
+    {u"periode de facturation", R::kOtherDate, 1.0}, {u"a payer avant le", R::kOtherDate, 1.0},
+    {u"date de prestation", R::kOtherDate, 1.0},
 
     // Titles of credit notes. "Gutschrift" mostly titles a self-billed
     // invoice, hence its low weight: alone it does not make a credit note.
@@ -181,6 +237,10 @@ const std::vector<LMLabel> kLabels = {
     {u"esente iva", R::kZeroTax, 1.0}, {u"inversion del sujeto pasivo", R::kZeroTax, 1.0},
     {u"exento de iva", R::kZeroTax, 1.0}, {u"btw verlegd", R::kZeroTax, 1.0},
     {u"vrijgesteld van btw", R::kZeroTax, 1.0},
+    {u"non imponibile", R::kZeroTax, 1.0}, {u"fuori campo iva", R::kZeroTax, 1.0},
+    {u"operacion exenta", R::kZeroTax, 1.0}, {u"exenta de iva", R::kZeroTax, 1.0},
+    {u"outside the scope of vat", R::kZeroTax, 1.0}, {u"exoneration de tva", R::kZeroTax, 1.0},
+    {u"btw vrijgesteld", R::kZeroTax, 1.0},
 
     // Wording of till receipts.
     {u"kassenbon", R::kReceipt, 1.0}, {u"bon nr", R::kReceipt, 1.0}, {u"bonnr", R::kReceipt, 1.0},
@@ -198,6 +258,10 @@ const std::vector<LMLabel> kLabels = {
     {u"factuur", R::kTitle, 1.0}, {u"teilrechnung", R::kTitle, 1.0}, {u"schlussrechnung", R::kTitle, 1.0},
     {u"abschlagsrechnung", R::kTitle, 1.0}, {u"nr", R::kTitle, 0.6}, {u"nummer", R::kTitle, 0.6},
     {u"number", R::kTitle, 0.6}, {u"factuurnummer", R::kTitle, 1.0},
+    {u"numero fattura", R::kTitle, 1.0}, {u"fattura nr", R::kTitle, 1.0}, {u"factura n", R::kTitle, 1.0},
+    {u"numero de factura", R::kTitle, 1.0}, {u"factura no", R::kTitle, 1.0}, {u"factuur nr", R::kTitle, 1.0},
+    {u"numero de facture", R::kTitle, 1.0}, {u"facture no", R::kTitle, 1.0}, {u"invoice nr", R::kTitle, 1.0},
+    {u"receipt no", R::kTitle, 0.8}, {u"receipt number", R::kTitle, 0.8}, {u"bill no", R::kTitle, 0.8},
 };
 
 bool isWordUnit(char16_t c) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <set>
 
 #include "analysis/receipt_parser.h"
 
@@ -28,6 +29,9 @@ constexpr double kStandardGross = 0.3;
 constexpr double kSplitPart = 0.4;
 // An amount no label ties may still complete a consistent set.
 constexpr double kUntied = 0.05;
+// A net the page does not print (prices that include the tax) is worth less
+// than a printed one.
+constexpr double kDerivedNet = 0.3;
 
 using Cents = int64_t;
 
@@ -119,6 +123,7 @@ struct Combination {
   const RoleValues::Entry* t = nullptr;
   double score = 0;
   bool arithmetic = false;
+  bool derivedNet = false;  // gross - tax, the net not printed
   std::optional<LMDecimal> rate;
   const LMLabelHit* zeroReason = nullptr;
 };
@@ -191,6 +196,77 @@ void offerRateSplit(const std::vector<Amount>& amounts, const std::vector<LMDeci
   if (!net.find(bases)) net.byValue[bases] = {first, bases, kSplitPart, basesText};
 }
 
+// A tax table without labels: a row that prints a rate, an amount and that
+// amount's tax at the rate ("19 %  100,00  19,00  119,00"; one cent off for
+// prices that include the tax) gives a basis and its tax. The rate may stand
+// without its sign, in a column whose head carries it ("Taux %"), as an
+// amount equal to one of `rates`. One such row makes them net and tax
+// candidates; several add up to them.
+void offerRateRows(const std::vector<Amount>& amounts, std::vector<LMRateMention> mentions,
+                   const std::vector<LMDecimal>& rates, RoleValues& net, RoleValues& tax) {
+  std::vector<const Amount*> rateAmounts(mentions.size(), nullptr);  // an amount read as the rate
+  for (const Amount& a : amounts) {
+    for (const LMDecimal& r : rates) {
+      if (a.cents != hundredthsOf(r)) continue;
+      mentions.push_back({r, a.element->page(), a.element->bbox().standardized()});
+      rateAmounts.push_back(&a);
+      break;
+    }
+  }
+  if (mentions.empty()) return;
+  // The amounts by page and height, to find a row's amounts without a scan.
+  std::vector<const Amount*> byRow;
+  double tallest = 0;
+  for (const Amount& a : amounts) {
+    byRow.push_back(&a);
+    tallest = std::max(tallest, a.element->bbox().standardized().height);
+  }
+  auto key = [](const Amount* a) { return std::pair(a->element->page(), a->element->bbox().standardized().y); };
+  std::sort(byRow.begin(), byRow.end(), [&](const Amount* a, const Amount* b) { return key(a) < key(b); });
+  std::vector<std::pair<const Amount*, const Amount*>> pairs;  // basis, tax
+  std::set<const Amount*> seen;  // each basis once, however many rates its row shows
+  std::vector<const Amount*> row;
+  for (size_t k = 0; k < mentions.size(); ++k) {
+    const LMRateMention& m = mentions[k];
+    row.clear();
+    auto it = std::lower_bound(byRow.begin(), byRow.end(), std::pair(m.page, m.box.y - tallest),
+                               [&](const Amount* a, const std::pair<int64_t, double>& k) { return key(a) < k; });
+    for (; it != byRow.end() && key(*it) <= std::pair(m.page, m.box.y + tallest); ++it) {
+      if (*it != rateAmounts[k] && lmSameRow(m.box, (*it)->element->bbox())) row.push_back(*it);
+    }
+    bool found = false;
+    for (const Amount* basis : row) {
+      const Cents exact = taxAt(basis->cents, hundredthsOf(m.rate));
+      for (const Amount* t : row) {
+        if (found || t == basis || exact <= 0 || std::llabs(t->cents - exact) > 1) continue;
+        if (seen.insert(basis).second) pairs.emplace_back(basis, t);
+        found = true;
+      }
+    }
+  }
+  if (pairs.empty()) return;
+  if (pairs.size() == 1) {
+    net.offer(*pairs[0].first, kSplitPart);
+    tax.offer(*pairs[0].second, kSplitPart);
+    return;
+  }
+  Cents bases = 0, taxes = 0;
+  std::u16string basesText, taxesText;
+  for (const auto& [basis, t] : pairs) {
+    bases += basis->cents;
+    taxes += t->cents;
+    basesText += (basesText.empty() ? u"" : u" + ") + basis->element->string().value_or(u"");
+    taxesText += (taxesText.empty() ? u"" : u" + ") + t->element->string().value_or(u"");
+  }
+  // A sum may equal a printed amount the table holds too (a row's gross).
+  if (!net.find(bases) || net.find(bases)->score < kSplitPart) {
+    net.byValue[bases] = {pairs[0].first, bases, kSplitPart, basesText};
+  }
+  if (!tax.find(taxes) || tax.find(taxes)->score < kSplitPart) {
+    tax.byValue[taxes] = {pairs[0].second, taxes, kSplitPart, taxesText};
+  }
+}
+
 // Per amount: where the next amount to its right on its row begins, or
 // kLMNoNextValue. The amounts come grouped by page; within a page only
 // amounts as high as a row are compared, so the work stays near linear.
@@ -249,7 +325,7 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   std::vector<const LMFoundNumber*> found;
   if (parser.numbers()) {
     for (const auto& n : *parser.numbers()) {
-      if (n) found.push_back(n.get());
+      if (n && !layout.supersedes(*n)) found.push_back(n.get());
     }
   }
   for (const auto& n : layout.extraAmounts()) found.push_back(n.get());
@@ -318,6 +394,15 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     return std::nullopt;
   };
   offerRateSplit(amounts, rates, net, tax);
+  offerRateRows(amounts, layout.rateMentions(), rates, net, tax);
+  // The tax that prices including it contain: gross x rate / (100 + rate).
+  auto includedRate = [&](Cents g, Cents t) -> std::optional<LMDecimal> {
+    for (const LMDecimal& r : rates) {
+      const __int128 h = hundredthsOf(r);
+      if (static_cast<Cents>((static_cast<__int128>(g) * h * 2 + 10000 + h) / (2 * (10000 + h))) == t) return r;
+    }
+    return std::nullopt;
+  };
   const LMLabelHit* zeroReason = nullptr;
   for (const LMLabelHit& hit : layout.labels()) {
     if (hit.label->role == LMLabelRole::kZeroTax) {
@@ -357,6 +442,22 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
       c.score = kGrossWeight * g->score + ne.score + te->score + kArithmetic + (c.rate ? kRateFits : 0);
       combos.push_back(c);
     }
+    // Prices that include the tax: the page prints the gross and the tax it
+    // holds ("incl. 15% GST 28.72"), and the net is their difference.
+    for (const auto& [t, te] : tax.byValue) {
+      if (t <= 0 || t >= total || te.score < 0.5 || te.amount == g->amount || net.find(total - t)) continue;
+      std::optional<LMDecimal> r = fittingRate(total - t, t);
+      if (!r) r = includedRate(total, t);
+      if (!r) continue;
+      Combination c = alone;
+      c.net = total - t;
+      c.tax = t;
+      c.t = &te;
+      c.arithmetic = c.derivedNet = true;
+      c.rate = r;
+      c.score = kGrossWeight * g->score + te.score + kArithmetic + kRateFits - kDerivedNet;
+      combos.push_back(c);
+    }
     // No tax: said in words, or a tax label over a printed zero.
     const RoleValues::Entry* zero = tax.find(0);
     const bool zeroTied = zero && zero->score >= 0.5 &&
@@ -394,6 +495,9 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     const double netLabel = best.n ? best.n->score : 0;
     if (best.n) {
       choice.net = pick(*best.n, best.n->amount->netAnchor, doubt * confidence(netLabel, true, rate));
+    } else if (best.derivedNet) {
+      choice.net = pick(*best.g, nullptr, doubt * confidence(0, true, rate));
+      choice.net->text = best.g->text + u" - " + best.t->text;
     } else {
       choice.net = pick(*best.g, nullptr, doubt * confidence(0, true, best.zeroReason));
     }

@@ -5,9 +5,9 @@
 #include <map>
 
 #include "facts/text_amounts.h"
+#include "facts/text_dates.h"
 #include "facts/text_layout.h"
 #include "kit/date.h"
-#include "kit/unicode.h"
 
 namespace {
 
@@ -18,8 +18,6 @@ constexpr double kCurrencyGuessedDollar = 0.45;
 constexpr double kCurrencySoleMention = 0.85;
 constexpr double kCurrencyMostFrequent = 0.65;
 constexpr double kCurrencyTask = 0.4;
-// The highest score of a date whose day and month could change places.
-constexpr double kAmbiguousDate = 0.75;
 
 LMValue anchorText(const LMLabelHit* hit) { return hit ? LMValue(hit->text) : LMValue::null(); }
 
@@ -146,139 +144,15 @@ void chooseCurrency(const LMReceiptParser& parser, const LMTextLayout& layout, c
   }
 }
 
-// What stands between the two ends of a period: "01.01. - 31.01.",
-// "vom 06.12.2013 bis zum 06.12.2014", "from 1 July to 31 July".
-bool joinsPeriod(std::u16string_view between) {
-  const std::u16string folded = lmFoldLabelText(between).text;
-  static const std::u16string_view kWords[] = {u"",   u"bis",  u"bis zum", u"bis einschl", u"to",
-                                               u"till", u"until", u"through", u"au",   u"jusqu au",
-                                               u"al",  u"a",     u"tot",     u"tot en met", u"t m"};
-  for (std::u16string_view w : kWords) {
-    if (folded == w && (!w.empty() || between.find(u'-') != std::u16string_view::npos)) return true;
-  }
-  return false;
-}
-
-// A date printed with slashes whose first two numbers could both be the
-// month: its reading rests on the country.
-bool ambiguousOrder(const LMFoundDate& d) {
-  if (!d.dateString() || d.dateString()->find(u'/') == std::u16string::npos) return false;
-  int first = 0, second = 0, index = 0;
-  for (char16_t c : *d.dateString()) {
-    if (c == u'/') {
-      ++index;
-    } else if (c >= u'0' && c <= u'9' && index < 2) {
-      int& n = index == 0 ? first : second;
-      if (n > 99) return false;
-      n = n * 10 + (c - u'0');
-    }
-  }
-  return first >= 1 && first <= 12 && second >= 1 && second <= 12 && first != second;
-}
-
-// The day of a found date as "YYYY-MM-DD". A date printed with slashes
-// whose first two numbers could both be the month ("05/11/2017") is read day
-// first, unless the document's country writes the month first.
-std::u16string dayOf(const LMFoundDate& d, std::u16string_view country) {
-  std::u16string day = d.date()->descriptionDate();
-  if (country == u"US" || !d.dateString()) return day;
-  const std::u16string& s = *d.dateString();
-  int parts[3] = {0, 0, 0};
-  int lengths[3] = {0, 0, 0};
-  int index = 0;
-  for (char16_t c : s) {
-    if (c >= u'0' && c <= u'9') {
-      if (index > 2 || lengths[index] >= 4) return day;
-      parts[index] = parts[index] * 10 + (c - u'0');
-      ++lengths[index];
-    } else if (c == u'/' && lengths[index] > 0) {
-      ++index;
-    } else {
-      return day;
-    }
-  }
-  if (index != 2 || lengths[2] != 4 || parts[0] > 12 || parts[1] > 12 || parts[0] == parts[1]) return day;
-  // The recognizer read it month first: swap when its month is the first number.
-  if (day.size() == 10 && std::stoi(lmUtf8(day.substr(5, 2))) == parts[0]) {
-    std::u16string swapped = day.substr(0, 5) + day.substr(8, 2) + u"-" + day.substr(5, 2);
-    return swapped;
-  }
-  return day;
-}
-
-struct DateCandidate {
-  const LMFoundDate* element;
-  std::u16string day;
-  double score;
-  const LMLabelHit* anchor;
-};
-
-// The issue date: by its label, else the date nearest the head of the
-// document; never one a due, delivery, order or period label ties, a
-// period's end, or a day after today.
 void chooseIssueDate(const LMReceiptParser& parser, const LMTextLayout& layout, const LMDate& today,
                      LMFacts& facts) {
-  std::vector<const LMFoundDate*> dates;
-  if (parser.dates()) {
-    for (const auto& d : *parser.dates()) dates.push_back(d.get());
-  }
-  for (const auto& d : layout.extraDates()) dates.push_back(d.get());
-  // Two dates in a row joined by "-", "bis", "to", ... bound a period.
-  std::vector<bool> inPeriod(dates.size(), false);
-  std::vector<size_t> order;
-  for (size_t i = 0; i < dates.size(); ++i) {
-    if (dates[i]) order.push_back(i);
-  }
-  std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
-    return dates[a]->page() != dates[b]->page() ? dates[a]->page() < dates[b]->page()
-                                                : dates[a]->range().location < dates[b]->range().location;
-  });
-  for (size_t k = 0; k + 1 < order.size(); ++k) {
-    const LMFoundDate& first = *dates[order[k]];
-    const LMFoundDate& second = *dates[order[k + 1]];
-    const LMTextRange a = first.range(), b = second.range();
-    const std::u16string_view text = layout.pageText(first.page());
-    if (first.page() != second.page() || !a.fitsIn(text.size()) || !b.fitsIn(text.size()) ||
-        b.location < a.end() || b.location - a.end() > 16) {
-      continue;
-    }
-    if (joinsPeriod(text.substr(a.end(), b.location - a.end())))
-      inPeriod[order[k]] = inPeriod[order[k + 1]] = true;
-  }
-  const std::u16string todayText = today.descriptionDate();
-  std::vector<DateCandidate> candidates;
-  size_t unlabelled = 0;
-  for (size_t i = 0; i < dates.size(); ++i) {
-    const LMFoundDate* d = dates[i];
-    if (!d || !d->date() || dayOf(*d, layout.country()) > todayText || inPeriod[i]) continue;
-    const LMRoleTies ties = layout.ties(*d);
-    // "Rechnung Nr. 123 vom 01.02.2024", "Invoice #12 issued 2024-02-01".
-    const double issue = std::max(ties.of(LMLabelRole::kIssueDate), 0.85 * ties.onRowOf(LMLabelRole::kTitle));
-    if (ties.of(LMLabelRole::kOtherDate) >= 0.5 && ties.of(LMLabelRole::kOtherDate) >= issue) continue;
-    // "Bestellung Nr. 12 vom 01.02.": a weak "vom" does not undo the order.
-    if (ties.onRowOf(LMLabelRole::kOtherDate) >= 0.8 && ties.of(LMLabelRole::kIssueDate) < 0.9) continue;
-    double score = issue > 0 ? 0.5 + 0.45 * issue : 0.3 - 0.02 * std::min<size_t>(unlabelled++, 10);
-    candidates.push_back({d, dayOf(*d, layout.country()), score, ties.anchorOf(LMLabelRole::kIssueDate)});
-  }
-  if (candidates.empty()) return;
-  std::stable_sort(candidates.begin(), candidates.end(),
-                   [](const DateCandidate& a, const DateCandidate& b) { return a.score > b.score; });
-  DateCandidate best = candidates.front();
-  bool otherDays = false;
-  for (const DateCandidate& c : candidates) otherDays = otherDays || c.day != best.day;
-  if (!otherDays) best.score = std::max(best.score, 0.6);
-  // Day and month that could change places leave doubt.
-  if (best.day != best.element->date()->descriptionDate() || ambiguousOrder(*best.element)) {
-    best.score = std::min(best.score, kAmbiguousDate);
-  }
+  const LMDateChoice choice = lmChooseIssueDate(parser, layout, today);
+  if (!choice.best) return;
+  const LMDateCandidate& best = *choice.best;
   LMDictionary evidence = lmTextEvidence(*best.element, best.score, anchorText(best.anchor));
   LMArray alternatives;
-  std::vector<std::u16string> seen{best.day};
-  for (const DateCandidate& c : candidates) {
-    if (alternatives.size() >= 3) break;
-    if (std::find(seen.begin(), seen.end(), c.day) != seen.end()) continue;
-    seen.push_back(c.day);
-    alternatives.emplace_back(alternative(*c.element, c.day, std::min(c.score, 0.45), c.anchor));
+  for (const LMDateCandidate& c : choice.alternatives) {
+    alternatives.emplace_back(alternative(*c.element, c.day, c.score, c.anchor));
   }
   evidence.set(u"alternatives", std::move(alternatives));
   facts.issueDate = best.day;

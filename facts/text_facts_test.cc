@@ -1,6 +1,8 @@
 // Text facts on small hand-made pages: one per language and rule.
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "facts/labels.h"
 #include "facts/text_facts.h"
 #include "facts/text_facts_test_util.h"
@@ -102,6 +104,38 @@ TEST(TextFactsTest, GeometryAndArithmetic) {
        {{u"Datum: 02.02.2024", 300, 740}, {u"Netto 7%   100,00", 250, 400}, {u"7,00", 450, 400},
         {u"Netto 19%   50,00", 250, 385}, {u"9,50", 450, 385}, {u"Gesamtbetrag 166,50", 250, 370}},
        "166.5", "150", "16.5", "-", "2024-02-02"},
+      // A tax table: the rows' rates, bases and taxes add up; no label ties them.
+      {"tax table by rate",
+       {{u"Date : 05/04/2024", 300, 740}, {u"Taux", 250, 420}, {u"Base HT", 320, 420}, {u"TVA", 400, 420},
+        {u"TTC", 460, 420}, {u"20,00 %", 250, 406}, {u"500,00", 320, 406}, {u"100,00", 400, 406},
+        {u"600,00", 460, 406}, {u"5,50 %", 250, 392}, {u"100,00", 320, 392}, {u"5,50", 400, 392},
+        {u"105,50", 460, 392}, {u"Net à payer  705,50 €", 300, 360}},
+       "705.5", "600", "105.5", "EUR", "2024-04-05"},
+      {"a rate column whose head carries the sign",
+       {{u"Date : 05/04/2024", 300, 740}, {u"TVA FR 40 123456789", 60, 700}, {u"Taux %", 250, 420},
+        {u"Base HT", 320, 420}, {u"Montant TVA", 400, 420}, {u"20,00", 250, 406}, {u"500,00", 320, 406},
+        {u"100,00", 400, 406}, {u"10,00", 250, 392}, {u"100,00", 320, 392}, {u"10,00", 400, 392},
+        {u"Net à payer  710,00 €", 300, 360}},
+       "710", "600", "110", "EUR", "2024-04-05"},
+      {"rates, bases and taxes without labels",
+       {{u"Datum: 02.02.2024", 300, 740}, {u"19%", 250, 400}, {u"100,00", 320, 400}, {u"19,00", 400, 400},
+        {u"7%", 250, 385}, {u"50,00", 320, 385}, {u"3,50", 400, 385}, {u"Gesamtbetrag 172,50", 250, 370}},
+       "172.5", "150", "22.5", "-", "2024-02-02"},
+      // Prices that include the tax: the net is not printed.
+      {"tax included",
+       {{u"Invoice date: 14 Mar 2024", 300, 740}, {u"Auckland", 60, 700}, {u"Total due  $ 287.50", 300, 400},
+        {u"All charges include 15% GST:  $ 37.50", 60, 385}},
+       "287.5", "250", "37.5", "NZD", "2024-03-14"},
+      // Thousands set apart by a space, plain or no-break.
+      {"thousands apart",
+       {{u"Date : 15/01/2024", 300, 760}, {u"Total HT    1 000,00 €", 300, 420},
+        {u"TVA 20 %      200,00 €", 300, 405}, {u"Total TTC   1\u00A0200,00 €", 300, 390}},
+       "1200", "1000", "200", "EUR", "2024-01-15"},
+      // A page's subtotal carried to the next is no total.
+      {"carried forward",
+       {{u"Datum: 02.02.2024", 300, 740}, {u"Summe Übertrag   1.250,00", 300, 700},
+        {u"Gesamt           1.595,00", 300, 370}},
+       "1595", "-", "-", "-", "2024-02-02"},
       // A small business charges no tax and says why.
       {"zero tax",
        {{u"Datum: 10.01.2024", 300, 740}, {u"Kein Ausweis der Umsatzsteuer (Kleinunternehmer)", 60, 420},
@@ -184,6 +218,8 @@ TEST(TextFactsTest, CurrencyFromEvidence) {
        "near the amount"},
       {"dollar by the address", {{u"ABN 51 824 753 556, Sydney", 60, 700}, {u"Total $ 20.00", 300, 400}}, "AUD",
        "symbol near the amount, read by the country"},
+      {"dollar by the tax number", {{u"IRD 123-456-789", 60, 700}, {u"Total $ 20.00", 300, 400}}, "NZD",
+       "symbol near the amount, read by the country"},
       {"most frequent mention", {{u"Total 20.00", 300, 400}, {u"Prices in GBP", 60, 300}, {u"GBP only", 60, 280}},
        "GBP", "the only currency mentioned"},
       {"none", {{u"Total 20.00", 300, 400}}, "-", ""},
@@ -237,7 +273,8 @@ TEST(LabelsTest, FoldedMatching) {
       {u"Fälligkeitsdatum", u"falligkeitsdatum"}, {u"T0tal:", u"total"},
       {u"Subtotal", u"subtotal"}, {u"Net à payer", u"net a payer"},
       {u"Importe  total", u"importe total"}, {u"excl. BTW", u"excl btw"},
-      {u"Totalement", nullptr}, {u"Rückgeld", u"ruckgeld"},
+      {u"Totalement", nullptr}, {u"Rückgeld", u"ruckgeld"}, {u"Total H.T.", u"total h t"},
+      {u"T.V.A. 20 %", u"t v a"}, {u"Payment due date", u"payment due date"},
   };
   for (const LabelCase& c : cases) {
     SCOPED_TRACE(lmUtf8(c.text));
@@ -250,10 +287,13 @@ TEST(LabelsTest, FoldedMatching) {
     ASSERT_FALSE(found.empty());
     EXPECT_EQ(c.label, found.front().label->text);
   }
-  // Every label is stored folded, so that folded text can find it.
+  // Every label is stored folded, so that folded text can find it, and
+  // once: a second entry of the same words would never be found.
+  std::set<std::u16string_view> seen;
   for (const LMLabel& label : lmLabelTable()) {
     SCOPED_TRACE(lmUtf8(label.text));
     EXPECT_EQ(label.text, lmFoldLabelText(label.text).text);
+    EXPECT_TRUE(seen.insert(label.text).second);
   }
 }
 

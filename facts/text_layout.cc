@@ -1,11 +1,12 @@
 #include "facts/text_layout.h"
 
 #include <algorithm>
-#include <map>
+#include <tuple>
 
 #include "analysis/receipt_parser.h"
 #include "document/pdf_page.h"
 #include "document/receipt_document.h"
+#include "facts/text_country.h"
 #include "kit/unicode.h"
 
 namespace {
@@ -39,57 +40,6 @@ const CurrencyWord kCurrencyWords[] = {
 // The first units of the currency words, to pass over all others quickly.
 constexpr std::u16string_view kCurrencyStarts = u"UCNA$\u20AC\u00A3\u20B9\u00A5EGSIRJDPkK";
 
-// Countries, by what points to them, and what their "$" and "kr" mean.
-struct CountryClue {
-  std::u16string_view folded;  // a word group of the folded text
-  std::u16string_view country;
-};
-const CountryClue kCountryClues[] = {
-    {u"deutschland", u"DE"}, {u"germany", u"DE"},     {u"allemagne", u"DE"},
-    {u"osterreich", u"AT"},  {u"austria", u"AT"},     {u"schweiz", u"CH"},
-    {u"suisse", u"CH"},      {u"switzerland", u"CH"}, {u"france", u"FR"},
-    {u"italia", u"IT"},      {u"italy", u"IT"},       {u"espana", u"ES"},
-    {u"spain", u"ES"},       {u"nederland", u"NL"},   {u"netherlands", u"NL"},
-    {u"belgique", u"BE"},    {u"belgie", u"BE"},      {u"united kingdom", u"GB"},
-    {u"england", u"GB"},     {u"united states", u"US"}, {u"usa", u"US"},
-    {u"new zealand", u"NZ"}, {u"australia", u"AU"},   {u"canada", u"CA"},
-    {u"india", u"IN"},       {u"sverige", u"SE"},     {u"sweden", u"SE"},
-    {u"norge", u"NO"},       {u"norway", u"NO"},      {u"danmark", u"DK"},
-    {u"denmark", u"DK"},     {u"co nz", u"NZ"},       {u"com au", u"AU"},
-    {u"co uk", u"GB"},       {u"co in", u"IN"},
-    // The largest cities of the countries whose currency is a dollar or
-    // whose documents name no currency by its code.
-    {u"auckland", u"NZ"},    {u"wellington", u"NZ"},  {u"christchurch", u"NZ"},
-    {u"sydney", u"AU"},      {u"melbourne", u"AU"},   {u"brisbane", u"AU"},
-    {u"toronto", u"CA"},     {u"montreal", u"CA"},    {u"vancouver", u"CA"},
-    {u"mumbai", u"IN"},      {u"bangalore", u"IN"},   {u"bengaluru", u"IN"},
-    {u"new delhi", u"IN"},   {u"new york", u"US"},    {u"california", u"US"},
-};
-// Phone prefixes as printed ("+49"), VAT id prefixes ("DE123456789").
-const CountryClue kPhonePrefixes[] = {
-    {u"+49", u"DE"}, {u"+43", u"AT"}, {u"+41", u"CH"}, {u"+33", u"FR"}, {u"+39", u"IT"},
-    {u"+34", u"ES"}, {u"+31", u"NL"}, {u"+32", u"BE"}, {u"+44", u"GB"}, {u"+1 ", u"US"},
-    {u"+64", u"NZ"}, {u"+61", u"AU"}, {u"+91", u"IN"}, {u"+46", u"SE"}, {u"+47", u"NO"},
-    {u"+45", u"DK"},
-};
-
-// The prefixes of European VAT ids.
-constexpr std::u16string_view kVatPrefixes =
-    u"AT BE BG CY CZ DE DK EE EL ES FI FR GB HR HU IE IT LT LU LV MT NL PL PT RO SE SI SK CH NO";
-
-std::u16string dollarOf(std::u16string_view country) {
-  if (country == u"NZ") return u"NZD";
-  if (country == u"AU") return u"AUD";
-  if (country == u"CA") return u"CAD";
-  return u"USD";
-}
-
-std::u16string kronaOf(std::u16string_view country) {
-  if (country == u"NO") return u"NOK";
-  if (country == u"DK") return u"DKK";
-  return u"SEK";
-}
-
 bool isAlnum(char16_t c) {
   return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') || c > 0xBF;
 }
@@ -98,8 +48,10 @@ bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
 
 double overlap(double a0, double a1, double b0, double b1) { return std::min(a1, b1) - std::max(a0, b0); }
 
-// Percentages: "19%", "19 %", "7,0%", "5.5 %".
-void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates) {
+// Percentages: "19%", "19 %", "7,0%", "5.5 %"; each with [begin, end) of
+// its digits and sign in `found`.
+void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates,
+                  std::vector<std::tuple<LMDecimal, size_t, size_t>>& found) {
   for (size_t i = text.find(u'%'); i != std::u16string_view::npos; i = text.find(u'%', i + 1)) {
     size_t end = i;
     while (end > 0 && text[end - 1] == u' ') --end;
@@ -112,15 +64,25 @@ void collectRates(std::u16string_view text, std::vector<LMDecimal>& rates) {
     std::replace(number.begin(), number.end(), u',', u'.');
     const auto rate = LMDecimal::fromString(number);
     if (!rate || rate->isZero() || *rate > LMDecimal::fromInt(30)) continue;
+    found.emplace_back(*rate, begin, i + 1);
     if (std::find(rates.begin(), rates.end(), *rate) == rates.end()) rates.push_back(*rate);
   }
 }
 
-// Amounts written with two decimals, "1.234,56", "-20,48", "233,47-", at
-// `i`; their length, 0 when none starts there.
-size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths) {
+// What sets thousands apart: a space, plain or no-break; a line break where
+// the page cleaning turned a no-break space into one.
+bool isGroupSpace(char16_t c) { return c == u' ' || c == u'\u00A0' || c == u'\u202F' || c == u'\n'; }
+
+// Amounts written with two decimals, "1.234,56", "-20,48", "233,47-",
+// "1 234,56" (thousands set apart by a space), at `i`; their length, 0 when
+// none starts there. `grouped`: thousands set apart by a space. A line break
+// between two groups sets them apart only where `sameRow(at)` says the units
+// before and after the break at `at` stand side by side on one row.
+template <typename SameRow>
+size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths, bool& grouped, const SameRow& sameRow) {
   size_t j = i;
   bool negative = false;
+  grouped = false;
   if (text[j] == u'-' || text[j] == u'\u2212') {
     negative = true;
     ++j;
@@ -128,15 +90,23 @@ size_t amountAt(std::u16string_view text, size_t i, int64_t& hundredths) {
   }
   if (j >= text.size() || !isDigit(text[j])) return 0;
   int64_t value = 0;
-  size_t digits = 0;
+  size_t digits = 0, groupDigits = 0;
   size_t lastSeparator = std::u16string_view::npos;
   for (; j < text.size(); ++j) {
     const char16_t c = text[j];
     if (isDigit(c)) {
       if (++digits > 13) return 0;
       value = value * 10 + (c - u'0');
+      ++groupDigits;
     } else if ((c == u'.' || c == u',' || c == u'\'') && j + 1 < text.size() && isDigit(text[j + 1])) {
       lastSeparator = j;
+      groupDigits = 0;
+    } else if (isGroupSpace(c) && lastSeparator == std::u16string_view::npos && groupDigits >= 1 &&
+               groupDigits <= 3 && (!grouped || groupDigits == 3) && j + 4 < text.size() &&
+               isDigit(text[j + 1]) && isDigit(text[j + 2]) && isDigit(text[j + 3]) && !isDigit(text[j + 4]) &&
+               (c != u'\n' || sameRow(j))) {
+      grouped = true;
+      groupDigits = 0;
     } else {
       break;
     }
@@ -168,15 +138,12 @@ const std::pair<std::u16string_view, int> kMonths[] = {
     {u"october", 10},   {u"octobre", 10},  {u"ottobre", 10},  {u"octubre", 10}, {u"okt", 10},
     {u"oct", 10},       {u"november", 11}, {u"novembre", 11}, {u"noviembre", 11}, {u"nov", 11},
     {u"dezember", 12},  {u"december", 12}, {u"decembre", 12}, {u"dicembre", 12}, {u"diciembre", 12},
-    {u"dez", 12},       {u"dec", 12},
+    {u"dez", 12},       {u"dec", 12},      {u"janner", 1},    {u"janv", 1},     {u"fevr", 2},
+    {u"avr", 4},        {u"juil", 7},      {u"gen", 1},       {u"mag", 5},      {u"giu", 6},
+    {u"lug", 7},        {u"ago", 8},       {u"set", 9},       {u"ott", 10},     {u"dic", 12},
+    {u"ene", 1},        {u"abr", 4},       {u"mrt", 3},
 };
 
-int monthOf(std::u16string_view word) {
-  for (const auto& [name, month] : kMonths) {
-    if (name == word) return month;
-  }
-  return 0;
-}
 
 // A number of 1 to 4 digits, or -1.
 int numberOf(std::u16string_view word) {
@@ -187,6 +154,19 @@ int numberOf(std::u16string_view word) {
     n = n * 10 + (c - u'0');
   }
   return n;
+}
+
+// A day of the month, 1 to 31, also as an ordinal ("3rd", "1st", "1er",
+// "1º"); -1 for anything else.
+int dayNumber(std::u16string_view word) {
+  for (std::u16string_view suffix : {u"st", u"nd", u"rd", u"th", u"er", u"\u00BA"}) {
+    if (word.size() > suffix.size() && word.ends_with(suffix)) {
+      word.remove_suffix(suffix.size());
+      break;
+    }
+  }
+  const int n = numberOf(word);
+  return n >= 1 && n <= 31 ? n : -1;
 }
 
 // Whether `range` shares a unit with one of `sorted` (in text order; the
@@ -229,6 +209,13 @@ struct LMPageGeometry {
   }
 };
 
+int lmMonthNamed(std::u16string_view word) {
+  for (const auto& [name, month] : kMonths) {
+    if (name == word) return month;
+  }
+  return 0;
+}
+
 bool lmSameRow(const LMRect& a, const LMRect& b) {
   const LMRect sa = a.standardized(), sb = b.standardized();
   const double shared = overlap(sa.y, sa.y + sa.height, sb.y, sb.y + sb.height);
@@ -237,7 +224,7 @@ bool lmSameRow(const LMRect& a, const LMRect& b) {
 
 LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
   if (!parser.doc()) return;
-  std::map<std::u16string, int> votes;
+  LMCountryClues clues;
   std::vector<std::pair<size_t, int64_t>> symbols;  // mentions to resolve, by country
   const int64_t pages = parser.doc()->pageCount();
   // The standard elements' ranges per page, in text order: what the extra
@@ -281,43 +268,12 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
       const size_t to = folded.origin[m.end - 1] + 1;
       labels_.push_back({m.label, page, box(from, to), text.substr(from, to - from)});
     }
-    collectRates(text, rates_);
+    std::vector<std::tuple<LMDecimal, size_t, size_t>> rates;
+    collectRates(text, rates_, rates);
+    for (const auto& [rate, from, to] : rates) rateMentions_.push_back({rate, page, box(from, to)});
     collectAmounts(geometry, text, numberRanges[page], dateRanges[page]);
     collectDates(geometry, text, folded, dateRanges[page]);
-    for (const CountryClue& clue : kCountryClues) {
-      for (size_t at = folded.text.find(clue.folded); at != std::u16string::npos;
-           at = folded.text.find(clue.folded, at + 1)) {
-        const size_t end = at + clue.folded.size();
-        if ((at == 0 || folded.text[at - 1] == u' ') &&
-            (end == folded.text.size() || folded.text[end] == u' ')) {
-          ++votes[std::u16string(clue.country)];
-        }
-      }
-    }
-    for (const CountryClue& clue : kPhonePrefixes) {
-      for (size_t at = text.find(clue.folded); at != std::u16string::npos;
-           at = text.find(clue.folded, at + 1)) {
-        votes[std::u16string(clue.country)] += 2;
-      }
-    }
-    // VAT ids: two capitals and eight or more digits.
-    for (size_t i = 0; i + 10 <= text.size(); ++i) {
-      if ((i > 0 && isAlnum(text[i - 1])) || text[i] < u'A' || text[i] > u'Z' || text[i + 1] < u'A' ||
-          text[i + 1] > u'Z') {
-        continue;
-      }
-      size_t j = i + 2;
-      while (j < text.size() && (isDigit(text[j]) || text[j] == u' ') && j - i < 16) ++j;
-      while (j > i + 2 && text[j - 1] == u' ') --j;  // the id ends with its last digit
-      size_t digits = 0;
-      for (size_t k = i + 2; k < j; ++k) digits += isDigit(text[k]) ? 1 : 0;
-      std::u16string country = text.substr(i, 2);
-      if (digits >= 8 && digits <= 12 && (j == text.size() || !isAlnum(text[j])) &&
-          kVatPrefixes.find(country) != std::u16string_view::npos && kVatPrefixes.find(country) % 3 == 0) {
-        if (country == u"EL") country = u"GR";
-        votes[country] += 3;
-      }
-    }
+    clues.addPage(text, folded.text);
     for (size_t i = 0; i < text.size(); ++i) {
       if (kCurrencyStarts.find(text[i]) == std::u16string_view::npos) continue;
       for (const CurrencyWord& w : kCurrencyWords) {
@@ -337,13 +293,11 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
     }
   }
   markValuesOnRows(parser);
-  int best = 0;
-  for (const auto& [country, count] : votes) {
-    if (count > best) best = count, country_ = country;
-  }
+  country_ = clues.country();
+  language_ = clues.language();
   for (const auto& [index, page] : symbols) {
     LMCurrencyMention& m = currencies_[index];
-    m.code = m.text == u"$" ? dollarOf(country_) : kronaOf(country_);
+    m.code = m.text == u"$" ? lmDollarOf(country_) : lmKronaOf(country_);
   }
 }
 
@@ -376,20 +330,19 @@ void LMTextLayout::collectDates(const LMPageGeometry& page, std::u16string_view 
     i = j;
   }
   for (size_t i = 0; i < words.size(); ++i) {
-    const int month = monthOf(words[i].text);
+    const int month = lmMonthNamed(words[i].text);
     if (month == 0) continue;
     // "12 marzo 2024", "15 de enero de 2024", "3 maart 2024"; "March 3 2024".
     size_t first = i, last = i;
     int day = -1, year = -1;
-    if (i > 0 && numberOf(words[i - 1].text) >= 1 && numberOf(words[i - 1].text) <= 31) {
-      day = numberOf(words[i - 1].text), first = i - 1;
-    } else if (i > 1 && words[i - 1].text == u"de" && numberOf(words[i - 2].text) >= 1 &&
-               numberOf(words[i - 2].text) <= 31) {
-      day = numberOf(words[i - 2].text), first = i - 2;
+    if (i > 0 && dayNumber(words[i - 1].text) > 0) {
+      day = dayNumber(words[i - 1].text), first = i - 1;
+    } else if (i > 1 && words[i - 1].text == u"de" && dayNumber(words[i - 2].text) > 0) {
+      day = dayNumber(words[i - 2].text), first = i - 2;
     }
     size_t k = i + 1;
-    if (day < 0 && k < words.size() && numberOf(words[k].text) >= 1 && numberOf(words[k].text) <= 31) {
-      day = numberOf(words[k].text), ++k;
+    if (day < 0 && k < words.size() && dayNumber(words[k].text) > 0) {
+      day = dayNumber(words[k].text), ++k;
     }
     if (k < words.size() && (words[k].text == u"de" || words[k].text == u"del")) ++k;
     if (k < words.size() && words[k].text.size() == 4 && numberOf(words[k].text) >= 1900) {
@@ -423,13 +376,21 @@ void LMTextLayout::collectAmounts(const LMPageGeometry& page, std::u16string_vie
       continue;
     }
     int64_t hundredths = 0;
-    const size_t length = amountAt(text, i, hundredths);
+    bool grouped = false;
+    auto sameRow = [&](size_t at) {
+      const LMRect before = page.box(at - 1, at), after = page.box(at + 1, at + 2);
+      return lmSameRow(before, after) && after.x >= before.x && after.x - (before.x + before.width) < 2 * before.width;
+    };
+    const size_t length = amountAt(text, i, hundredths, grouped, sameRow);
     if (length == 0) continue;
     const LMTextRange range = LMTextRange::make(i, length);
-    if (!intersectsAny(numbers, range) && !intersectsAny(dates, range)) {
+    // The standard recognizers read "1 234,56" as "234,56": the whole
+    // amount replaces what they found inside it.
+    if ((grouped || !intersectsAny(numbers, range)) && !intersectsAny(dates, range)) {
       auto n = std::make_shared<LMFoundNumber>(hundredths, 2);
       place(*n, page, range, text);
       extraAmounts_.push_back(std::move(n));
+      if (grouped) groupedAmounts_.push_back({page.index, range});
     }
     i += length - 1;
   }
@@ -465,6 +426,19 @@ void LMTextLayout::markValuesOnRows(const LMReceiptParser& parser) {
   markAll(parser.dates());
   markAll(std::optional(extraAmounts_));
   markAll(std::optional(extraDates_));
+}
+
+bool LMTextLayout::supersedes(const LMFoundElement& element) const {
+  const auto key = std::pair(element.page(), element.range().location);
+  // groupedAmounts_ is in page and text order; the amounts do not overlap.
+  auto it = std::upper_bound(groupedAmounts_.begin(), groupedAmounts_.end(), key,
+                             [](const std::pair<int64_t, uint64_t>& k, const GroupedAmount& g) {
+                               return k < std::pair(g.page, g.range.location);
+                             });
+  if (it == groupedAmounts_.begin()) return false;
+  --it;
+  return it->page == element.page() && element.range().end() <= it->range.end() &&
+         element.range().length < it->range.length;
 }
 
 double LMTextLayout::roleWeight(LMLabelRole role) const {

@@ -42,6 +42,13 @@ struct LMCurrencyMention {
   bool symbolOnly;      // "$" or "kr", whose code came from the country
 };
 
+// A percentage printed on a page ("19 %", "5,5%").
+struct LMRateMention {
+  LMDecimal rate;
+  int64_t page;
+  LMRect box;
+};
+
 // How strongly an element's neighbourhood names each role.
 struct LMRoleTies {
   static constexpr size_t kRoles = 10;
@@ -61,16 +68,25 @@ class LMTextLayout {
   const std::vector<LMCurrencyMention>& currencies() const { return currencies_; }
   // Percentages printed on the pages, distinct, as written ("19", "5.5").
   const std::vector<LMDecimal>& rates() const { return rates_; }
+  // Every percentage printed, with its box, in page order.
+  const std::vector<LMRateMention>& rateMentions() const { return rateMentions_; }
   // Amounts with two decimals the standard recognizers left out (a minus in
   // front, a currency sign behind), as elements of this layout's own; the
   // standard elements stay untouched.
   const std::vector<std::shared_ptr<LMFoundNumber>>& extraAmounts() const { return extraAmounts_; }
+  // Whether `element`, a standard amount, is only a part of an amount of
+  // this layout's own: "234,56" of "1 234,56", whose thousands a space sets
+  // apart.
+  bool supersedes(const LMFoundElement& element) const;
   // Dates with month names the standard recognizers do not know ("12 marzo
   // 2024", "15 de enero de 2024", "1 februari 2024"), likewise the layout's own.
   const std::vector<std::shared_ptr<LMFoundDate>>& extraDates() const { return extraDates_; }
   // Two-letter country code the document points to most (VAT id prefixes,
   // phone prefixes, country names), or empty.
   const std::u16string& country() const { return country_; }
+  // The language the document's commonest words belong to ("de", "en",
+  // "fr", "it", "es", "nl"), or empty.
+  const std::u16string& language() const { return language_; }
   // The normalised text of page `page` (the found elements' ranges point
   // into it); empty for a page without text.
   std::u16string_view pageText(int64_t page) const {
@@ -111,10 +127,21 @@ class LMTextLayout {
   std::vector<LMLabelHit> labels_;
   std::vector<LMCurrencyMention> currencies_;
   std::vector<LMDecimal> rates_;
+  std::vector<LMRateMention> rateMentions_;
   std::vector<std::shared_ptr<LMFoundNumber>> extraAmounts_;
+  struct GroupedAmount {
+    int64_t page;
+    LMTextRange range;
+  };
+  std::vector<GroupedAmount> groupedAmounts_;  // in page and text order
   std::vector<std::shared_ptr<LMFoundDate>> extraDates_;
   std::u16string country_;
+  std::u16string language_;
 };
+
+// The month (1 to 12) a folded word names in one of the six languages
+// ("marz", "giugno", "oct"), or 0.
+int lmMonthNamed(std::u16string_view word);
 
 // True when `a` and `b` share most of their height (the same text row).
 bool lmSameRow(const LMRect& a, const LMRect& b);

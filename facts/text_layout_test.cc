@@ -68,6 +68,8 @@ TEST(TextLayoutTest, AmountsAndDatesOfItsOwn) {
   } cases[] = {
       {u"Total TTC -233,47 €", {-23347}, {}},
       {u"Total CHF 1'234.50", {123450}, {}},
+      {u"Total TTC 1 234,56 €", {123456}, {}}, {u"Total 12 345 678,90", {1234567890}, {}},
+      {u"Menge 1 12,50", {1250}, {}},
       {u"TVA 5,50 % 12,5", {}, {}},
       {u"Data fattura: 12 marzo 2024", {}, {"2024-03-12"}},
       {u"Fecha: 15 de enero de 2024", {}, {"2024-01-15"}},
@@ -97,6 +99,20 @@ TEST(TextLayoutTest, AmountsAndDatesOfItsOwn) {
                 std::u16string(layout.pageText(0).substr(n->range().location, n->range().length)));
       EXPECT_GT(n->bbox().width, 0);
     }
+  }
+}
+
+TEST(TextLayoutTest, ThousandsAcrossALineBreakOnlyOnOneRow) {
+  // The page cleaning makes a no-break space a line break: on one row it
+  // sets thousands apart, between rows it parts a line number from a price.
+  for (bool oneRow : {true, false}) {
+    SCOPED_TRACE(oneRow);
+    const auto parsed = oneRow ? analyse({{u"Total 1\u00A0000,00", 100, 400}})
+                               : analyse({{u"Pos. 1", 100, 400}, {u"000,00", 100, 380}});
+    const LMTextLayout layout(parsed->parser);
+    std::vector<int64_t> amounts;
+    for (const auto& n : layout.extraAmounts()) amounts.push_back(n->integerValue());
+    EXPECT_EQ(oneRow ? std::vector<int64_t>{100000} : std::vector<int64_t>{0}, amounts);
   }
 }
 
