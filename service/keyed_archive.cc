@@ -1,5 +1,7 @@
 #include "service/keyed_archive.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
@@ -14,6 +16,7 @@
 #include "elements/found_element.h"
 #include "kit/keyed_coding.h"
 #include "kit/unicode.h"
+#include "service/plist_writer.h"
 
 namespace {
 
@@ -102,322 +105,6 @@ bool readVarint(const LMData& in, size_t& pos, uint64_t& value) {
   return false;
 }
 
-// ------------------------------------------------ binary property-list writer
-
-// Replaces U+0000 and unpaired surrogates by U+FFFD, one unit for one.
-void makeCarriable(std::u16string& text) {
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char16_t c = text[i];
-    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
-        text[i + 1] <= 0xDFFF)
-      ++i;
-    else if (c == 0 || (c >= 0xD800 && c <= 0xDFFF))
-      text[i] = u'\uFFFD';
-  }
-}
-
-uint64_t mixBits(uint64_t x) {
-  x ^= x >> 33;
-  x *= 0xFF51AFD7ED558CCDULL;
-  x ^= x >> 33;
-  return x;
-}
-
-// An open-addressing table from a 64-bit hash to a node, for the writer's
-// "store once" lookups; the caller tells whether a node matches. No
-// allocation per entry.
-class NodeTable {
- public:
-  // The node stored under `hash` for which `matches` holds, or nullopt.
-  template <typename Matches>
-  std::optional<uint32_t> find(uint64_t hash, Matches matches) const {
-    if (slots_.empty()) return std::nullopt;
-    for (size_t i = hash & mask();; i = (i + 1) & mask()) {
-      const Slot& s = slots_[i];
-      if (s.node == kEmpty) return std::nullopt;
-      if (s.hash == hash && matches(s.node)) return s.node;
-    }
-  }
-  void insert(uint64_t hash, uint32_t node) {
-    if (2 * (size_ + 1) > slots_.size()) grow();
-    place(hash, node);
-    ++size_;
-  }
-
- private:
-  static constexpr uint32_t kEmpty = UINT32_MAX;
-  struct Slot {
-    uint64_t hash;
-    uint32_t node;
-  };
-  size_t mask() const { return slots_.size() - 1; }
-  void place(uint64_t hash, uint32_t node) {
-    size_t i = hash & mask();
-    while (slots_[i].node != kEmpty) i = (i + 1) & mask();
-    slots_[i] = {hash, node};
-  }
-  void grow() {
-    std::vector<Slot> old(std::max<size_t>(256, 2 * slots_.size()), Slot{0, kEmpty});
-    old.swap(slots_);
-    for (const Slot& s : old)
-      if (s.node != kEmpty) place(s.hash, s.node);
-  }
-  std::vector<Slot> slots_;
-  size_t size_ = 0;
-};
-
-// A binary property list assembled object by object and written in one go.
-// Texts, numbers and references are stored once however often they occur.
-// (The archive is flat and its shape known, so this is much cheaper than a
-// tree of parser nodes.)
-class BinaryPlist {
- public:
-  BinaryPlist() {
-    nodes_.reserve(1024);
-    refs_.reserve(2048);
-    bytes_.reserve(8192);
-    uids_.assign(1024, kNone);
-  }
-
-  uint32_t text(std::u16string_view raw) {
-    // Hashed four units at a time; texts that are all ASCII without U+0000
-    // (nearly all of them) need no other look.
-    const size_t n = raw.size();
-    uint64_t hash = 0x9E3779B97F4A7C15ULL ^ n;
-    uint64_t high = 0;  // units above 0x7F
-    uint64_t zero = 0;  // units that are U+0000
-    size_t i = 0;
-    for (; i + 4 <= n; i += 4) {
-      uint64_t word;
-      std::memcpy(&word, raw.data() + i, sizeof word);
-      high |= word & 0xFF80FF80FF80FF80ULL;
-      zero |= (word - 0x0001000100010001ULL) & ~word & 0x8000800080008000ULL;
-      hash = (hash ^ word) * 0xFF51AFD7ED558CCDULL;
-      hash ^= hash >> 32;
-    }
-    for (; i < n; ++i) {
-      high |= raw[i] & 0xFF80;
-      zero |= raw[i] == 0;
-      hash = (hash ^ raw[i]) * 0xFF51AFD7ED558CCDULL;
-    }
-    hash = mixBits(hash);
-    const bool ascii = !high && !zero;
-    if (!ascii) {
-      // U+0000 ends the text for readers that use C strings, and an unpaired
-      // surrogate cannot be decoded by most; both become U+FFFD, one unit for
-      // one, so ranges into the text stay valid.
-      for (size_t u = 0; u < n; ++u) {
-        const char16_t c = raw[u];
-        if (c >= 0xD800 && c <= 0xDBFF && u + 1 < n && raw[u + 1] >= 0xDC00 && raw[u + 1] <= 0xDFFF) {
-          ++u;
-        } else if (c == 0 || (c >= 0xD800 && c <= 0xDFFF)) {
-          std::u16string carriable(raw);
-          makeCarriable(carriable);
-          return text(carriable);
-        }
-      }
-    }
-    if (auto found = texts_.find(hash, [&](uint32_t node) { return holds(node, raw); }))
-      return *found;
-    // Kept as units either way, so that a lookup compares memory; ASCII is
-    // narrowed to bytes when written.
-    const uint32_t node = add(ascii ? kAscii : kUtf16, 0, units_.size(), raw.size());
-    units_ += raw;
-    texts_.insert(hash, node);
-    return node;
-  }
-  // Whether the text node `node` holds `text` (as stored: carriable).
-  bool holds(uint32_t node, std::u16string_view text) const {
-    const Node& n = nodes_[node];
-    return (n.type == kAscii || n.type == kUtf16) && n.count == text.size() &&
-           (text.empty() ||
-            std::memcmp(units_.data() + n.first, text.data(), text.size() * sizeof(char16_t)) == 0);
-  }
-  uint32_t integer(int64_t n) { return unique(integers_, kInteger, static_cast<uint64_t>(n)); }
-  uint32_t real(double d) { return unique(reals_, kReal, std::bit_cast<uint64_t>(d)); }
-  uint32_t boolean(bool b) {
-    if (bools_[b] == kNone) bools_[b] = add(kBool, b, 0, 0);
-    return bools_[b];
-  }
-  // References are to entries 0, 1, 2, ... of "$objects": looked up by number.
-  uint32_t uid(uint64_t n) {
-    if (n >= uids_.size()) uids_.resize(std::max<size_t>(n + 1, 2 * uids_.size()), kNone);
-    if (uids_[n] == kNone) uids_[n] = add(kUid, n, 0, 0);
-    return uids_[n];
-  }
-  // Data copied into the list.
-  uint32_t data(const uint8_t* p, size_t n) {
-    const uint32_t node = add(kData, 0, bytes_.size(), n);
-    bytes_.insert(bytes_.end(), p, p + n);
-    return node;
-  }
-  // Data that stays where it is until write() copies it into the list once
-  // (a task's PDF can be megabytes); it must outlive this list.
-  uint32_t externalData(const uint8_t* p, size_t n) {
-    externalBytes_ += n;
-    return add(kExternalData, reinterpret_cast<uintptr_t>(p), 0, n);
-  }
-  // An array of `count` nodes of `items`, from `first` on, `stride` apart.
-  uint32_t array(const std::vector<uint32_t>& items, size_t first, size_t count,
-                 size_t stride = 1) {
-    const uint32_t node = add(kArray, 0, refs_.size(), count);
-    for (size_t i = 0; i < count; ++i) refs_.push_back(items[first + i * stride]);
-    return node;
-  }
-  uint32_t array(const std::vector<uint32_t>& items) { return array(items, 0, items.size()); }
-  // A dictionary of `count` pairs, key and value next to each other.
-  uint32_t dictionary(const uint32_t* pairs, size_t count) {
-    const uint32_t node = add(kDict, 0, refs_.size(), count);
-    for (size_t i = 0; i < count; ++i) refs_.push_back(pairs[2 * i]);
-    for (size_t i = 0; i < count; ++i) refs_.push_back(pairs[2 * i + 1]);
-    return node;
-  }
-
-  std::vector<uint8_t> write(uint32_t top) const {
-    auto width = [](uint64_t v) { return v <= 0xFF ? 1 : v <= 0xFFFF ? 2 : v <= 0xFFFFFFFF ? 4 : 8; };
-    const int refSize = width(nodes_.size());
-    // Room for the most every part can take; cut to size at the end.
-    std::vector<uint8_t> out(8 + 18 * nodes_.size() + bytes_.size() + externalBytes_ +
-                             2 * units_.size() +
-                             refSize * refs_.size() + 32);
-    uint8_t* w = out.data();
-    auto bigEndian = [&](uint64_t v, int size) {
-      for (int i = size - 1; i >= 0; --i) *w++ = static_cast<uint8_t>(v >> (8 * i));
-    };
-    // Runs of references and offsets, at the one width the list uses.
-    auto bigEndianAll = [&](const auto* values, size_t count, int size) {
-      switch (size) {
-        case 1:
-          for (size_t i = 0; i < count; ++i) *w++ = static_cast<uint8_t>(values[i]);
-          break;
-        case 2:
-          for (size_t i = 0; i < count; ++i) {
-            w[0] = static_cast<uint8_t>(values[i] >> 8);
-            w[1] = static_cast<uint8_t>(values[i]);
-            w += 2;
-          }
-          break;
-        default:
-          for (size_t i = 0; i < count; ++i) bigEndian(values[i], size);
-      }
-    };
-    auto marker = [&](uint8_t type, uint64_t count) {
-      if (count < 15) {
-        *w++ = static_cast<uint8_t>(type | count);
-        return;
-      }
-      *w++ = type | 0x0F;
-      *w++ = static_cast<uint8_t>(0x10 | std::countr_zero(unsigned(width(count))));
-      bigEndian(count, width(count));
-    };
-    std::memcpy(w, "bplist00", 8);
-    w += 8;
-    std::vector<uint64_t> offsets(nodes_.size());
-    for (size_t i = 0; i < nodes_.size(); ++i) {
-      const Node& n = nodes_[i];
-      offsets[i] = static_cast<uint64_t>(w - out.data());
-      switch (n.type) {
-        case kInteger: {
-          // 1, 2 and 4 bytes are unsigned; 8 bytes are two's complement.
-          const int size = n.value > 0xFFFFFFFF ? 8 : width(n.value);
-          *w++ = static_cast<uint8_t>(0x10 | std::countr_zero(unsigned(size)));
-          bigEndian(n.value, size);
-          break;
-        }
-        case kReal:
-          *w++ = 0x23;
-          bigEndian(n.value, 8);
-          break;
-        case kBool:
-          *w++ = n.value ? 0x09 : 0x08;
-          break;
-        case kUid:
-          *w++ = static_cast<uint8_t>(0x80 | (width(n.value) - 1));
-          bigEndian(n.value, width(n.value));
-          break;
-        case kData:
-        case kExternalData:
-          marker(0x40, n.count);
-          if (n.count) {
-            std::memcpy(w, n.type == kData ? bytes_.data() + n.first
-                                           : reinterpret_cast<const uint8_t*>(n.value),
-                        n.count);
-          }
-          w += n.count;
-          break;
-        case kAscii:
-          marker(0x50, n.count);
-          bigEndianAll(units_.data() + n.first, n.count, 1);
-          break;
-        case kUtf16:
-          marker(0x60, n.count);
-          bigEndianAll(units_.data() + n.first, n.count, 2);
-          break;
-        case kArray:
-        case kDict:
-          marker(n.type == kArray ? 0xA0 : 0xD0, n.count);
-          bigEndianAll(refs_.data() + n.first, n.type == kArray ? n.count : 2 * n.count, refSize);
-          break;
-      }
-    }
-    const uint64_t table = static_cast<uint64_t>(w - out.data());
-    const int offsetSize = width(table);
-    bigEndianAll(offsets.data(), offsets.size(), offsetSize);
-    std::memset(w, 0, 6);
-    w += 6;
-    *w++ = static_cast<uint8_t>(offsetSize);
-    *w++ = static_cast<uint8_t>(refSize);
-    bigEndian(nodes_.size(), 8);
-    bigEndian(top, 8);
-    bigEndian(table, 8);
-    out.resize(static_cast<size_t>(w - out.data()));
-    return out;
-  }
-
- private:
-  static constexpr uint32_t kNone = UINT32_MAX;
-  enum Type : uint8_t {
-    kAscii,
-    kUtf16,
-    kInteger,
-    kReal,
-    kBool,
-    kUid,
-    kData,
-    kExternalData,
-    kArray,
-    kDict
-  };
-  struct Node {
-    Type type;
-    // integer, real bits, boolean, reference or external data's address
-    uint64_t value;
-    size_t first;  // into bytes_, units_ or refs_
-    size_t count;
-  };
-  uint32_t add(Type type, uint64_t value, size_t first, size_t count) {
-    nodes_.push_back({type, value, first, count});
-    return static_cast<uint32_t>(nodes_.size() - 1);
-  }
-  uint32_t unique(NodeTable& seen, Type type, uint64_t value) {
-    const uint64_t hash = mixBits(value);
-    auto same = [&](uint32_t node) { return nodes_[node].value == value; };
-    if (auto found = seen.find(hash, same)) return *found;
-    const uint32_t node = add(type, value, 0, 0);
-    seen.insert(hash, node);
-    return node;
-  }
-
-  std::vector<Node> nodes_;
-  std::vector<uint8_t> bytes_;
-  size_t externalBytes_ = 0;
-  std::u16string units_;
-  std::vector<uint32_t> refs_;
-  NodeTable texts_, integers_, reals_;
-  uint32_t bools_[2] = {kNone, kNone};
-  std::vector<uint32_t> uids_;
-};
-
 // ------------------------------------------------------------- archive writer
 
 class ArchiveWriter;
@@ -447,6 +134,10 @@ class ElementEncoder final : public LMKeyedEncoder {
 
 class ArchiveWriter {
  public:
+  // Makes archive() release each part of its tree once written (see
+  // lxDataSerializeReleasing).
+  void releaseAsWritten() { releasing_ = true; }
+
   std::vector<uint8_t> archive(const LMValue& root) {
     objects_.push_back(plist_.text(u"$null"));
     const uint64_t rootRef = encode(root);
@@ -454,8 +145,8 @@ class ArchiveWriter {
     const uint32_t top[] = {plist_.text(u"$version"),  plist_.integer(100000),
                             plist_.text(u"$archiver"), plist_.text(u"NSKeyedArchiver"),
                             plist_.text(u"$top"),      plist_.dictionary(topKeys, 1),
-                            plist_.text(u"$objects"),  plist_.array(objects_)};
-    return plist_.write(plist_.dictionary(top, 4));
+                            plist_.text(u"$objects"),  plist_.array(objects_.data(), objects_.size())};
+    return plist_.finish(plist_.dictionary(top, 4));
   }
 
   // The reference of `value`; 0 (the nil reference) for nil.
@@ -474,11 +165,7 @@ class ArchiveWriter {
       case LMValueKind::kString:
         return plain(plist_.text(*value.asString()));
       case LMValueKind::kData:
-        // The tree being archived outlives the writer; what elements hand
-        // over need not.
-        return push(copyData_ ? plist_.data(value.asData()->data(), value.asData()->size())
-                              : plist_.externalData(value.asData()->data(),
-                                                    value.asData()->size()));
+        return push(plist_.data(value.asData()->data(), value.asData()->size()));
       case LMValueKind::kDecimal:
         return decimal(*value.asDecimal());
       case LMValueKind::kDate:
@@ -507,6 +194,36 @@ class ArchiveWriter {
     size_t& depth_;
   };
 
+  // Attributed texts and elements are shared and read-only, and so is what
+  // an element hands over: their parts are never released.
+  struct KeptParts {
+    explicit KeptParts(bool& releasing) : releasing_(releasing), outer_(releasing) {
+      releasing = false;
+    }
+    ~KeptParts() { releasing_ = outer_; }
+    bool& releasing_;
+    bool outer_;
+  };
+
+  // Releases `value`, a part of the tree that archive() was given to
+  // release, once it is written. An element whose last owner this was is
+  // forgotten too, since its address may be taken by another one. Memory
+  // freed this way is handed back to the system every kTrimEvery bytes of
+  // archive, so that the tree's memory shrinks as the archive's grows.
+  void written(const LMValue& value) {
+    if (!releasing_) return;
+    LMValue& part = const_cast<LMValue&>(value);  // the tree is this writer's (releasing_)
+    std::shared_ptr<LMObject> shared = part.asObject();
+    part = LMValue();
+    if (shared && shared.use_count() == 1)
+      elements_.erase(dynamic_cast<const LMFoundElement*>(shared.get()));
+    shared.reset();
+    if (plist_.size() >= nextTrim_) {
+      malloc_trim(0);
+      nextTrim_ = plist_.size() + kTrimEvery;
+    }
+  }
+
   uint64_t push(uint32_t node) {
     objects_.push_back(node);
     return objects_.size() - 1;
@@ -514,7 +231,7 @@ class ArchiveWriter {
   // Texts and numbers: one entry of $objects however often they occur.
   uint64_t plain(uint32_t node) {
     if (node >= plain_.size()) plain_.resize(std::max<size_t>(node + 1, 2 * plain_.size()), 0);
-    if (!plain_[node]) plain_[node] = push(node);
+    if (!plain_[node]) plain_[node] = static_cast<uint32_t>(push(node));
     return plain_[node];
   }
   // An entry whose object is written after its contents.
@@ -541,9 +258,8 @@ class ArchiveWriter {
   uint32_t keyText(std::u16string_view key) {
     KeyCacheEntry& cached =
         keyCache_[(reinterpret_cast<uintptr_t>(key.data()) >> 1) % std::size(keyCache_)];
-    if (cached.data == key.data() && cached.size == key.size() && plist_.holds(cached.node, key))
-      return cached.node;
-    cached = {key.data(), key.size(), plist_.text(key)};
+    if (cached.data == key.data() && cached.text == key) return cached.node;
+    cached = {key.data(), std::u16string(key), plist_.text(key)};
     return cached.node;
   }
 
@@ -556,7 +272,7 @@ class ArchiveWriter {
       if (const ArchivedClass* known = findClass(className))
         for (const std::u16string& super : known->superclasses) chain.push_back(plist_.text(super));
       ObjectDict entry{pending_.size()};
-      set(entry, u"$classes", plist_.array(chain));
+      set(entry, u"$classes", plist_.array(chain.data(), chain.size()));
       set(entry, u"$classname", plist_.text(className));
       classRef = add(entry);
       classes_.emplace_back(className, classRef);
@@ -613,8 +329,9 @@ class ArchiveWriter {
     for (const LMValue& item : items) {
       const uint32_t member = this->member(item, "an array");
       pending_.push_back(member);
+      written(item);
     }
-    const uint32_t members = plist_.array(pending_, start, items.size());
+    const uint32_t members = plist_.array(pending_.data() + start, items.size());
     pending_.resize(start);
     ObjectDict dict = objectOf(u"NSArray");
     set(dict, u"NS.objects", members);
@@ -632,9 +349,10 @@ class ArchiveWriter {
       const uint32_t value = member(entry.value, "a dictionary");
       pending_.push_back(key);
       pending_.push_back(value);
+      written(entry.value);
     }
-    const uint32_t keys = plist_.array(pending_, start, entries.size(), 2);
-    const uint32_t values = plist_.array(pending_, start + 1, entries.size(), 2);
+    const uint32_t keys = plist_.array(pending_.data() + start, entries.size(), 2);
+    const uint32_t values = plist_.array(pending_.data() + start + 1, entries.size(), 2);
     pending_.resize(start);
     ObjectDict dict = objectOf(u"NSDictionary");
     set(dict, u"NS.keys", keys);
@@ -645,6 +363,7 @@ class ArchiveWriter {
 
   uint64_t attributedString(const LMAttributedString& text) {
     DepthGuard depth(depth_);
+    KeptParts kept(releasing_);
     const uint64_t ref = reserve();
     ObjectDict dict = objectOf(u"NSAttributedString");
     set(dict, u"NSString", plist_.uid(plain(plist_.text(text.string))));
@@ -683,7 +402,7 @@ class ArchiveWriter {
           appendVarint(info, *slot);
         }
         ObjectDict array = objectOf(u"NSArray");
-        set(array, u"NS.objects", plist_.array(slots));
+        set(array, u"NS.objects", plist_.array(slots.data(), slots.size()));
         set(dict, u"NSAttributes", plist_.uid(add(array)));
         set(dict, u"NSAttributeInfo", plist_.uid(push(plist_.data(info.data(), info.size()))));
       }
@@ -705,6 +424,7 @@ class ArchiveWriter {
       return it->second;
     }
     DepthGuard depth(depth_);
+    KeptParts kept(releasing_);
     const uint64_t ref = reserve();
     ObjectDict dict = objectOf(name);
     ElementEncoder coder(*this, dict);
@@ -714,21 +434,23 @@ class ArchiveWriter {
     return ref;
   }
 
-  BinaryPlist plist_;
+  LMPlistWriter plist_;
   std::vector<uint32_t> objects_;  // the property-list object of each entry
   std::vector<uint32_t> pending_;  // pairs of the open objects, innermost last
-  std::vector<uint64_t> plain_;    // entry of each text or number node; 0: none yet
+  std::vector<uint32_t> plain_;    // entry of each text or number node; 0: none yet
   std::vector<std::pair<std::u16string, uint64_t>> classes_;  // a handful
   std::unordered_map<const LMFoundElement*, uint64_t> elements_;
   struct KeyCacheEntry {
     const char16_t* data = nullptr;
-    size_t size = 0;
+    std::u16string text;
     uint32_t node = 0;
   };
   KeyCacheEntry keyCache_[61];
   uint64_t null_ = 0;
   size_t depth_ = 0;
-  bool copyData_ = false;  // while an element encodes itself
+  static constexpr uint64_t kTrimEvery = 16u << 20;
+  bool releasing_ = false;  // the tree's parts are released once written
+  uint64_t nextTrim_ = kTrimEvery;
 };
 
 void ElementEncoder::encodeInt64(std::u16string_view key, int64_t value) {
@@ -742,19 +464,12 @@ void ElementEncoder::encodeRect(std::u16string_view key, const LMRect& rect) {
   writer_.set(dict_, key, writer_.plist_.uid(writer_.plain(writer_.plist_.text(view))));
 }
 
-// What an element hands over may be a temporary, so its data is copied.
 void ElementEncoder::encodeObject(std::u16string_view key, const LMValue& value) {
-  const bool outer = std::exchange(writer_.copyData_, true);
-  const uint64_t ref = writer_.encode(value);
-  writer_.copyData_ = outer;
-  writer_.set(dict_, key, writer_.plist_.uid(ref));
+  writer_.set(dict_, key, writer_.plist_.uid(writer_.encode(value)));
 }
 
 void ElementEncoder::encodeDictionary(std::u16string_view key, const LMDictionary& value) {
-  const bool outer = std::exchange(writer_.copyData_, true);
-  const uint64_t ref = writer_.dictionary(value);
-  writer_.copyData_ = outer;
-  writer_.set(dict_, key, writer_.plist_.uid(ref));
+  writer_.set(dict_, key, writer_.plist_.uid(writer_.dictionary(value)));
 }
 
 // ------------------------------------------------ binary property-list reader
@@ -971,7 +686,7 @@ class PlistReader {
       out[i] = static_cast<char16_t>(n.payload[2 * i] << 8 | n.payload[2 * i + 1]);
       if (out[i] == 0) fail("a property-list text holds U+0000");
     }
-    makeCarriable(out);
+    lmMakeCarriable(out);
     return out;
   }
 
@@ -1589,6 +1304,16 @@ auto guarded(std::string* error, const char* what, F&& f) -> decltype(std::optio
 
 std::optional<std::vector<uint8_t>> lxDataSerialize(const LMValue& root, std::string* error) {
   return guarded(error, "archiving", [&] { return ArchiveWriter().archive(root); });
+}
+
+std::optional<std::vector<uint8_t>> lxDataSerializeReleasing(LMValue&& root, std::string* error) {
+  return guarded(error, "archiving", [&] {
+    ArchiveWriter writer;
+    writer.releaseAsWritten();
+    std::vector<uint8_t> bytes = writer.archive(root);
+    root = LMValue();
+    return bytes;
+  });
 }
 
 std::optional<LMValue> lxDataUnserialize(std::span<const uint8_t> bytes, std::string* error,

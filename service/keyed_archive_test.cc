@@ -325,6 +325,39 @@ TEST(KeyedArchiveTest, WritesSharedElementsOnceAndReadsThemShared) {
   EXPECT_NE((*numbers)[0].asObject(), (*numbers)[1].asObject());
 }
 
+TEST(KeyedArchiveTest, ReferencesTakeTheWidthTheListNeeds) {
+  // About two objects per number: below 256 objects, below 65,536, above.
+  for (const auto& [numbers, width] : {std::pair{100, 1}, {300, 2}, {40'000, 4}}) {
+    SCOPED_TRACE(numbers);
+    LMArray items;
+    for (int64_t i = 0; i < numbers; ++i) items.push_back(i * 1000 + 7);
+    const std::vector<uint8_t> bytes = serialize(items);
+    EXPECT_EQ(width, bytes[bytes.size() - 25]);  // the trailer's reference size
+    plist_t parsed = nullptr;
+    plist_from_bin(reinterpret_cast<const char*>(bytes.data()), bytes.size(), &parsed);
+    EXPECT_TRUE(parsed);
+    plist_free(parsed);
+    EXPECT_EQ(dump(items), dump(unserialize(bytes)));
+  }
+}
+
+TEST(KeyedArchiveTest, ReleasingTheTreeWritesTheSameBytes) {
+  const auto tree = [] {
+    auto shared = std::make_shared<LMFoundNumber>(1250, 2);
+    shared->setDebugInfo(LMDictionary{{u"score", 0.75}});
+    LMArray many;
+    for (int i = 0; i < 30'000; ++i) many.push_back(std::make_shared<LMFoundNumber>(i, 2));
+    return LMValue(LMDictionary{{u"gross", shared},
+                                {u"numbers", LMArray{shared, LMData{1, 2}, std::move(many)}},
+                                {u"page", LMAttributedString{u"ab", {run(0, 1, {{u"b", true}})}}}});
+  };
+  LMValue given = tree();
+  const auto released = lxDataSerializeReleasing(std::move(given));
+  ASSERT_TRUE(released);
+  EXPECT_EQ(serialize(tree()), *released);
+  EXPECT_TRUE(given.isNil());
+}
+
 TEST(KeyedArchiveTest, ReadsRectanglesFromTheirText) {
   struct Case {
     std::u16string text;

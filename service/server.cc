@@ -105,13 +105,14 @@ void logRefusal(const std::u16string& message, LMFrameStatus status, uint64_t an
   }
 }
 
-// The reply frame of what a worker answered.
-std::pair<uint8_t, std::vector<uint8_t>> replyFrame(const LMXPCReply& answered) {
+// The reply frame of what a worker answered; the result's tree is released
+// as it is archived.
+std::pair<uint8_t, std::vector<uint8_t>> replyFrame(LMXPCReply answered) {
   if (answered.error) return {kLMFrameError, lmErrorPayload(*answered.error)};
   std::vector<uint8_t> payload;
   if (answered.result) {
     std::string why;
-    if (auto archived = lxDataSerialize(*answered.result, &why)) {
+    if (auto archived = lxDataSerializeReleasing(std::move(*answered.result), &why)) {
       payload = std::move(*archived);
     } else {
       // The client gets no bytes and no error.
@@ -563,7 +564,7 @@ void LMServer::runCall(Connection& connection) {
     // release (the document, its findings, the request) goes while the
     // client reads the reply, and the log line of the finished task follows.
     worker->performWithObject(std::move(request), [&](LMXPCReply answered) {
-      const auto [kind, payload] = replyFrame(answered);
+      const auto [kind, payload] = replyFrame(std::move(answered));
       answer(connection, kind, payload, Clock::now() + options_.replyTimeout);
     });
     // The runtime always answers; only making the frame can have failed
