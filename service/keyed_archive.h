@@ -113,8 +113,3 @@ std::optional<std::vector<uint8_t>> lxDataSerializeReleasing(LMValue&& root,
 std::optional<LMValue> lxDataUnserialize(std::span<const uint8_t> bytes,
                                          std::string* error = nullptr,
                                          const LMUnarchiveLimits& limits = {});
-
-// The rectangle of a text "{{x, y}, {width, height}}" as lmStringFromRect
-// writes it (white space around the numbers and braces is allowed; "inf" and
-// "nan" are read). Anything else gives the zero rectangle.
-LMRect lmRectFromString(std::u16string_view text);
