@@ -17,7 +17,6 @@ namespace {
 constexpr size_t kFirstChunk = 16u << 10;
 constexpr size_t kMappedChunk = 1u << 20;
 constexpr size_t kLargestChunk = 4u << 20;
-constexpr size_t kLongestMarker = 10;  // type, width and an 8-byte count
 
 int width(uint64_t v) { return v <= 0xFF ? 1 : v <= 0xFFFF ? 2 : v <= 0xFFFFFFFF ? 4 : 8; }
 
