@@ -265,8 +265,10 @@ class ArchiveWriter {
       pending_.push_back(value);
       written(entry.value);
     }
-    const uint32_t keys = plist_.array(pending_.data() + start, entries.size(), 2);
-    const uint32_t values = plist_.array(pending_.data() + start + 1, entries.size(), 2);
+    // (An empty dictionary may leave the stack empty, without a data().)
+    const uint32_t* pairs = pending_.data() + start;
+    const uint32_t keys = plist_.array(pairs, entries.size(), 2);
+    const uint32_t values = plist_.array(entries.empty() ? pairs : pairs + 1, entries.size(), 2);
     pending_.resize(start);
     ObjectDict dict = objectOf(u"NSDictionary");
     set(dict, u"NS.keys", keys);
