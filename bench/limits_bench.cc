@@ -1,11 +1,14 @@
 // Time and peak memory of the analysis of hostile documents at 1, 2 and 4
 // times a base size, so that growth shows: linear, or flat once a bound
 // answers. Each analysis runs in a child process of its own, whose peak
-// resident memory the kernel reports (getrusage), exactly as the service
-// runs a task (lmPerformReceiptTask).
+// resident memory the kernel reports (getrusage): once as the analysis in
+// process (lmPerformReceiptTask), once as the service serves it (the
+// request frame read from a socket, the reply archived and sent as a frame,
+// which this process reads and counts).
 //
 // Usage: lm_limits_bench [SHAPE...]; without arguments every shape.
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +21,10 @@
 #include "document/generated_pdf_test_util.h"
 #include "kit/diagnostics.h"
 #include "kit/unicode.h"
+#include "service/keyed_archive.h"
 #include "service/receipt_worker.h"
+#include "service/server.h"
+#include "service/transport.h"
 
 namespace {
 
@@ -59,40 +65,76 @@ const std::vector<Shape>& shapes() {
   return all;
 }
 
-// Analyses `pdf` in a child process: its wall time in seconds, its peak
-// resident memory in MB and the first words of its reply.
-void measure(const Shape& shape, int64_t size) {
-  int pipeFds[2];
-  if (pipe(pipeFds) != 0) return;
-  const auto start = std::chrono::steady_clock::now();
+// The peak resident memory (MB) of a child process that ran `run` while
+// this process ran `meanwhile`; negative when the child crashed.
+double peakOfChild(const std::function<void()>& run, const std::function<void()>& meanwhile) {
   const pid_t child = fork();
   if (child == 0) {
-    close(pipeFds[0]);
     lmSetLogSink([](std::string_view) {});
-    const LMXPCReply reply = lmPerformReceiptTask(LMDictionary{{u"data", shape.make(size)}});
-    std::string outcome = reply.error ? "error: " + lmUtf8(reply.error->message)
-                                      : "gross " + lmUtf8(reply.result->at(u"gross").toString());
-    (void)!write(pipeFds[1], outcome.data(), outcome.size());
+    run();
     _exit(0);
   }
-  close(pipeFds[1]);
-  char buffer[200] = {};
-  (void)!read(pipeFds[0], buffer, sizeof buffer - 1);
-  close(pipeFds[0]);
+  meanwhile();
   int status = 0;
   rusage usage{};
   wait4(child, &status, 0, &usage);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? usage.ru_maxrss / 1024.0 : -1;
+}
+
+// Analyses the document of `shape` at `size` in process and through the
+// service's request path, each in a child process: the analysis's wall time,
+// both peaks, the reply's size on the wire and how the reply begins.
+void measure(const Shape& shape, int64_t size) {
+  const LMData pdf = shape.make(size);
+  int pipeFds[2];
+  if (pipe(pipeFds) != 0) return;
+  char outcome[200] = {};
+  const auto start = std::chrono::steady_clock::now();
+  const double inProcess = peakOfChild(
+      [&] {
+        close(pipeFds[0]);
+        const LMXPCReply reply = lmPerformReceiptTask(LMDictionary{{u"data", pdf}});
+        const std::string text = reply.error
+                                     ? "error: " + lmUtf8(reply.error->message)
+                                     : "gross " + lmUtf8(reply.result->at(u"gross").toString());
+        (void)!write(pipeFds[1], text.data(), text.size());
+      },
+      [&] {
+        close(pipeFds[1]);
+        (void)!read(pipeFds[0], outcome, sizeof outcome - 1);
+        close(pipeFds[0]);
+      });
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::printf("%-13s %9lld %7.2f s %7.1f MB  %s\n", shape.name, static_cast<long long>(size),
-              seconds, usage.ru_maxrss / 1024.0, WIFEXITED(status) ? buffer : "(crashed)");
+
+  // The request is archived before the fork, as a client would send it.
+  const std::vector<uint8_t> request = lxDataSerialize(LMDictionary{{u"data", pdf}}).value();
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return;
+  LMFrame reply;
+  const double service = peakOfChild(
+      [&] {
+        close(pair[0]);
+        LMServer server([] { return std::make_unique<LMXPCWorker>(); });
+        server.serveSocket(pair[1]);
+      },
+      [&] {
+        close(pair[1]);
+        lmWriteFrame(pair[0], kLMFrameRequest, request, kLMNoDeadline);
+        lmReadFrame(pair[0], kLMNoDeadline, &reply);
+        close(pair[0]);
+      });
+  std::printf("%-13s %9lld %7.2f s %7.1f MB %7.1f MB %7.1f MB  %s\n", shape.name,
+              static_cast<long long>(size), seconds, inProcess, service,
+              reply.payload.size() / 1048576.0, outcome);
   std::fflush(stdout);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::printf("%-13s %9s %9s %10s  %s\n", "shape", "size", "time", "peak", "reply");
+  std::printf("%-13s %9s %9s %10s %10s %10s  %s\n", "shape", "size", "time", "peak",
+              "service", "reply", "outcome");
   for (const Shape& shape : shapes()) {
     bool wanted = argc < 2;
     for (int i = 1; i < argc; ++i) wanted = wanted || shape.name == std::string(argv[i]);

@@ -108,3 +108,37 @@ std::u16string lmStringFromRange(const LMTextRange& r) {
   };
   return u"{" + text(r.location) + u", " + text(r.length) + u"}";
 }
+
+LMRect lmRectFromString(std::u16string_view text) {
+  std::string ascii;
+  for (char16_t c : text) {
+    if (c > 0x7F) return LMRect::zero();
+    ascii.push_back(static_cast<char>(c));
+  }
+  return lmRectFromAscii(ascii);
+}
+
+LMRect lmRectFromAscii(std::string_view ascii) {
+  const char* p = ascii.data();
+  const char* end = p + ascii.size();
+  auto skipSpace = [&] {
+    while (p < end && (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r')) ++p;
+  };
+  auto expect = [&](char c) {
+    skipSpace();
+    return p < end && *p == c ? (++p, true) : false;
+  };
+  auto readNumber = [&](double& out) {
+    skipSpace();
+    if (p + 1 < end && *p == '+' && p[1] != '-') ++p;
+    auto [next, ec] = std::from_chars(p, end, out);
+    p = next;
+    return ec == std::errc();
+  };
+  LMRect r;
+  const bool ok = expect('{') && expect('{') && readNumber(r.x) && expect(',') && readNumber(r.y) &&
+                  expect('}') && expect(',') && expect('{') && readNumber(r.width) && expect(',') &&
+                  readNumber(r.height) && expect('}') && expect('}');
+  skipSpace();
+  return ok && p == end ? r : LMRect::zero();
+}

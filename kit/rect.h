@@ -2,6 +2,7 @@
 // lower left, y growing upwards.
 #pragma once
 #include <string>
+#include <string_view>
 
 #include "kit/text_range.h"
 
@@ -47,5 +48,11 @@ std::u16string lmStringFromRect(const LMRect& r);
 // units; answers the units written. For callers that need no string of it.
 constexpr size_t kLMRectTextCapacity = 4 * 32 + 16;
 size_t lmWriteRectText(const LMRect& r, char16_t* out);
+// The rectangle of a text "{{x, y}, {width, height}}" as lmStringFromRect
+// writes it (white space around the numbers and braces is allowed; "inf" and
+// "nan" are read). Anything else gives the zero rectangle.
+LMRect lmRectFromString(std::u16string_view text);
+// The same for a text of ASCII bytes.
+LMRect lmRectFromAscii(std::string_view ascii);
 // "{location, length}".
 std::u16string lmStringFromRange(const LMTextRange& r);

@@ -95,6 +95,14 @@ struct LMUnarchiveLimits {
 std::optional<std::vector<uint8_t>> lxDataSerialize(const LMValue& root,
                                                     std::string* error = nullptr);
 
+// The same archive, byte for byte, of a tree the caller gives up: each part
+// of it is released as soon as it is written (elements and attributed texts
+// as a whole, when this was their last owner) and the memory freed so is
+// handed back to the system as the archive grows, so that a large tree and
+// its archive are not held at once. `root` is nil afterwards.
+std::optional<std::vector<uint8_t>> lxDataSerializeReleasing(LMValue&& root,
+                                                             std::string* error = nullptr);
+
 // The value tree of an archive; nullopt (and `error` set to a one-line
 // reason) for anything that is not a well-formed keyed archive of supported
 // classes within `limits`. The binary property list is read where it lies:
@@ -105,8 +113,3 @@ std::optional<std::vector<uint8_t>> lxDataSerialize(const LMValue& root,
 std::optional<LMValue> lxDataUnserialize(std::span<const uint8_t> bytes,
                                          std::string* error = nullptr,
                                          const LMUnarchiveLimits& limits = {});
-
-// The rectangle of a text "{{x, y}, {width, height}}" as lmStringFromRect
-// writes it (white space around the numbers and braces is allowed; "inf" and
-// "nan" are read). Anything else gives the zero rectangle.
-LMRect lmRectFromString(std::u16string_view text);

@@ -1,7 +1,5 @@
 #include "service/receipt_worker.h"
 
-#include <stdexcept>
-
 #include "analysis/receipt_parser.h"
 #include "document/pdf_document.h"
 #include "document/receipt_document.h"
@@ -16,7 +14,10 @@ void LMXPCWorker::work() {
     return;
   }
   const LMData* bytes = data->asData();
-  if (!bytes) throw std::invalid_argument("data must be the bytes of a PDF file");
+  if (!bytes) {
+    doneWithErrorMessage(u"data must be the bytes of a PDF file");
+    return;
+  }
   std::u16string factsError;
   const std::optional<LMFactsRequest> facts =
       lmFactsRequest(*object().asDictionary(), &factsError);
@@ -29,27 +30,33 @@ void LMXPCWorker::work() {
                                 {u"pages", LMArray()}});
     return;
   }
-  if (bytes->size() > limits_.maxPdfBytes) {
-    doneWithErrorMessage(
-        lmLimitMessage(static_cast<int64_t>(limits_.maxPdfBytes >> 20), u"MB of PDF"));
+  // The analysis ends before the reply is archived: what only it held (the
+  // document, the parser's state) is gone by then, and the result tree is
+  // the findings' last owner, so that archiving can free them as it goes.
+  std::u16string error;
+  std::optional<LMDictionary> result = analyze(*bytes, *facts, &error);
+  if (!result) {
+    doneWithErrorMessage(error);
     return;
   }
-  if (cancellation()->isCancelled()) {
-    doneWithErrorMessage(cancellation()->message());
-    return;
-  }
+  doneWithResult(std::move(*result));
+}
+
+std::optional<LMDictionary> LMXPCWorker::analyze(const LMData& bytes, const LMFactsRequest& facts,
+                                                 std::u16string* error) {
+  auto fail = [&](std::u16string_view message) -> std::optional<LMDictionary> {
+    *error = message;
+    return std::nullopt;
+  };
+  if (bytes.size() > limits_.maxPdfBytes)
+    return fail(lmLimitMessage(static_cast<int64_t>(limits_.maxPdfBytes >> 20), u"MB of PDF"));
+  if (cancellation()->isCancelled()) return fail(cancellation()->message());
   LMPdfOpenOptions options;
   options.limits = limits_;
   options.cancellation = cancellation();
-  std::shared_ptr<LMPDFDocument> pdf = LMPDFDocument::initWithData(*bytes, options);
-  if (!pdf) {
-    doneWithErrorMessage(u"Could not open document");
-    return;
-  }
-  if (auto exceeded = pdf->limitExceeded()) {
-    doneWithErrorMessage(*exceeded);
-    return;
-  }
+  std::shared_ptr<LMPDFDocument> pdf = LMPDFDocument::initWithData(bytes, options);
+  if (!pdf) return fail(u"Could not open document");
+  if (auto exceeded = pdf->limitExceeded()) return fail(*exceeded);
   auto document = std::make_shared<LMReceiptDocument>(pdf);
   document->setOcr(pdf->isOCRDocument());
 
@@ -61,17 +68,11 @@ void LMXPCWorker::work() {
   parser.setTaxes(taxes ? *taxes : LMValue(LMArray()));
   parser.setLimits(limits_);
   parser.setCancellation(cancellation().get());
-  if (!parser.work()) {
-    doneWithErrorMessage(parser.stopReason());
-    return;
-  }
+  if (!parser.work()) return fail(parser.stopReason());
 
   LMArray pages;
   for (int64_t i = 0; i < pdf->pageCount(); ++i) {
-    if (cancellation()->isCancelled()) {
-      doneWithErrorMessage(cancellation()->message());
-      return;
-    }
+    if (cancellation()->isCancelled()) return fail(cancellation()->message());
     auto page = pdf->pageAtIndex(i);
     if (page && page->attributedString().length() > 0) {
       pages.emplace_back(page->sharedAttributedString());
@@ -81,14 +82,11 @@ void LMXPCWorker::work() {
   }
   // Reading a long document's pages once more can still run into MuPDF's
   // memory bound.
-  if (auto exceeded = pdf->limitExceeded()) {
-    doneWithErrorMessage(*exceeded);
-    return;
-  }
+  if (auto exceeded = pdf->limitExceeded()) return fail(*exceeded);
   LMDictionary result = parser.result();
   result.set(u"pages", std::move(pages));
-  if (facts->wanted) result.set(u"facts", lmFactsDictionary(lmDocumentFacts(*facts, *pdf, parser)));
-  doneWithResult(std::move(result));
+  if (facts.wanted) result.set(u"facts", lmFactsDictionary(lmDocumentFacts(facts, *pdf, parser)));
+  return result;
 }
 
 LMXPCReply lmPerformReceiptTask(const LMDictionary& task) {

@@ -10,6 +10,10 @@
 // too large: ...") and the cancellation's message when the call is
 // cancelled while it runs.
 #pragma once
+#include <optional>
+#include <string>
+
+#include "facts/facts_request.h"
 #include "kit/limits.h"
 #include "service/worker_runtime.h"
 
@@ -21,6 +25,10 @@ class LMXPCWorker : public LMXPCBaseWorker {
   void setLimits(const LMAnalysisLimits& limits) { limits_ = limits; }
 
  private:
+  // The result of the PDF `bytes`, or nullopt with the error's message.
+  std::optional<LMDictionary> analyze(const LMData& bytes, const LMFactsRequest& facts,
+                                      std::u16string* error);
+
   LMAnalysisLimits limits_;
 };
 

@@ -105,13 +105,14 @@ void logRefusal(const std::u16string& message, LMFrameStatus status, uint64_t an
   }
 }
 
-// The reply frame of what a worker answered.
-std::pair<uint8_t, std::vector<uint8_t>> replyFrame(const LMXPCReply& answered) {
+// The reply frame of what a worker answered; the result's tree is released
+// as it is archived.
+std::pair<uint8_t, std::vector<uint8_t>> replyFrame(LMXPCReply answered) {
   if (answered.error) return {kLMFrameError, lmErrorPayload(*answered.error)};
   std::vector<uint8_t> payload;
   if (answered.result) {
     std::string why;
-    if (auto archived = lxDataSerialize(*answered.result, &why)) {
+    if (auto archived = lxDataSerializeReleasing(std::move(*answered.result), &why)) {
       payload = std::move(*archived);
     } else {
       // The client gets no bytes and no error.
@@ -542,7 +543,7 @@ bool LMServer::answer(Connection& connection, uint8_t kind, const std::vector<ui
 }
 
 void LMServer::runCall(Connection& connection) {
-  try {
+  lmCatchAll([&] {
     LMValue request;
     if (!connection.request.payload.empty()) {
       std::string why;
@@ -560,30 +561,19 @@ void LMServer::runCall(Connection& connection) {
     worker->setCancellation(connection.cancellation);
     // As a platform reply block sends its message when called, the reply
     // leaves the moment the worker gives it; what the worker still has to
-    // release (the document, its findings, the request) goes while the
-    // client reads the reply, and the log line of the finished task follows.
+    // release (the request, its log line) goes while the client reads it.
     worker->performWithObject(std::move(request), [&](LMXPCReply answered) {
-      const auto [kind, payload] = replyFrame(answered);
+      const auto [kind, payload] = replyFrame(std::move(answered));
       answer(connection, kind, payload, Clock::now() + options_.replyTimeout);
     });
     // The runtime always answers; only making the frame can have failed
     // (the runtime logged why).
     answer(connection, kLMFrameError, errorPayload(u"Internal error"), Clock::now() + options_.replyTimeout);
-  } catch (...) {
-    // Even logging may fail here (no memory); nothing may leave this function.
-    try {
-      try {
-        throw;
-      } catch (const std::exception& e) {
-        lmLogf("!!! Connection failed: %s", e.what());
-      } catch (...) {
-        lmLog("!!! Connection failed: unknown exception");
-      }
-      answer(connection, kLMFrameError, errorPayload(u"Internal error"),
-             Clock::now() + options_.replyTimeout);
-    } catch (...) {
-    }
-  }
+  }, [&](const std::string& message) {
+    lmLogf("!!! Connection failed: %s", message.c_str());
+    answer(connection, kLMFrameError, errorPayload(u"Internal error"),
+           Clock::now() + options_.replyTimeout);
+  });
 }
 
 void LMServer::serveSocket(int fd) {
@@ -596,14 +586,13 @@ void LMServer::serveSocket(int fd) {
   if (status == LMFrameStatus::kOk && connection.request.kind != kLMFrameRequest) {
     refusal = u"Bad request frame";
   }
-  try {
-    if (refusal) {
+  if (refusal) {
+    lmCatchAll([&] {
       logRefusal(refusal, status, announced);
       lmWriteFrame(fd, kLMFrameError, errorPayload(refusal), Clock::now());
-    } else if (status == LMFrameStatus::kOk) {
-      runCall(connection);
-    }
-  } catch (...) {
+    }, [](const std::string&) {});
+  } else if (status == LMFrameStatus::kOk) {
+    runCall(connection);
   }
   ::close(fd);
 }

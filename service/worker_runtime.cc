@@ -29,9 +29,24 @@ std::string lmNewUUIDString() {
   return text;
 }
 
+void lmCatchAll(const std::function<void()>& task,
+                const std::function<void(const std::string& message)>& failed) {
+  try {
+    try {
+      task();
+    } catch (const std::exception& e) {
+      failed(e.what());
+    } catch (...) {
+      failed("Unknown exception");
+    }
+  } catch (...) {
+    // Reporting failed too (no memory left): nothing more can be done here.
+  }
+}
+
 void LMXPCBaseWorker::performWithObject(LMValue request, ReplyBlock reply) {
   const uint32_t number = taskCounter.fetch_add(1);
-  try {
+  lmCatchAll([&] {
     uid_ = lmNewUUIDString();
     block_ = std::move(reply);
     object_ = std::move(request);
@@ -46,11 +61,9 @@ void LMXPCBaseWorker::performWithObject(LMValue request, ReplyBlock reply) {
     lmLogf("<== XPC finished successfully task %s#%u", uid_.c_str(), number);
     object_ = LMValue();
     uid_.clear();
-  } catch (const std::exception& e) {
-    if (block_) doneWithErrorMessage(lmUtf16(e.what()));
-  } catch (...) {
-    if (block_) doneWithErrorMessage(u"Unknown exception");
-  }
+  }, [&](const std::string& message) {
+    if (block_) doneWithErrorMessage(lmUtf16(message));
+  });
   if (block_) {
     doneWithErrorMessage(
         u"You have to call `doneWithResult` or `doneWithErrorMessage` at least once!");

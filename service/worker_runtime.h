@@ -77,5 +77,13 @@ class LMXPCBaseWorker {
   std::shared_ptr<LMCancellation> cancellation_ = std::make_shared<LMCancellation>();
 };
 
+// Runs `task` and catches whatever escapes it: the one place that does. The
+// libraries throw nothing on bad data, so what can escape is what they
+// cannot prevent (memory running out); `failed` gets its message ("Unknown
+// exception" for what is no std::exception). Nothing escapes this function,
+// not even from `failed`.
+void lmCatchAll(const std::function<void()>& task,
+                const std::function<void(const std::string& message)>& failed);
+
 // A fresh random UUID in its usual text form (8-4-4-4-12 upper-case hex).
 std::string lmNewUUIDString();

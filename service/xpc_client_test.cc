@@ -1,11 +1,9 @@
 #include "service/xpc_client.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -13,7 +11,6 @@
 #include <vector>
 
 #include "kit/diagnostics.h"
-#include "kit/unicode.h"
 #include "service/keyed_archive.h"
 #include "kit/test_support.h"
 
@@ -233,35 +230,6 @@ TEST_F(XPCClientTest, DestroyingTheClientWaitsForQueuedCalls) {
     EXPECT_EQ(nullptr, operation->xpcHelper());
     EXPECT_EQ(LMValue(LMDictionary{{u"echo", operation->taskInfo()}}), operation->taskResult());
   }
-}
-
-TEST_F(XPCClientTest, AServiceThatCannotBeStartedIsAnErrorReply) {
-  const std::filesystem::path runtime =
-      std::filesystem::temp_directory_path() / ("lm-xpc-test-" + std::to_string(getpid()));
-  std::filesystem::create_directory(runtime);
-  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
-  const char* oldRuntime = getenv("XDG_RUNTIME_DIR");
-  const std::string savedRuntime = oldRuntime ? oldRuntime : "";
-  setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-  setenv("LM_SERVICE_DIR", (runtime / "missing").c_str(), 1);
-  std::optional<LMXPCError> error;
-  {
-    LMXPC xpc("lmreceipt-missing-service");
-    xpc.performXPCSynchronousWithObject(
-        LMDictionary{{u"task", 5}},
-        [&](const LMValue&, const std::optional<LMXPCError>& e) { error = e; });
-  }
-  unsetenv("LM_SERVICE_DIR");
-  if (oldRuntime) {
-    setenv("XDG_RUNTIME_DIR", savedRuntime.c_str(), 1);
-  } else {
-    unsetenv("XDG_RUNTIME_DIR");
-  }
-  std::filesystem::remove_all(runtime);
-  ASSERT_TRUE(error.has_value());
-  EXPECT_EQ(101, error->code);
-  EXPECT_EQ(u"com.brightmoor.error", error->domain);
-  EXPECT_EQ(0u, error->message.find(u"Service not reachable: ")) << lmUtf8(error->message);
 }
 
 }  // namespace
