@@ -149,4 +149,6 @@ while read -r path; do
   fi
 done <"$work/files"
 [ ${#left[@]} -eq 0 ] || fail "left behind: ${left[*]}"
+# The maintainer scripts keep dpkg's record of the removed packages; purge it.
+$sudo dpkg --purge lmreceipt lmreceipt-dev >/dev/null
 echo "package test passed: $(wc -l <"$work/files") paths installed and removed"
