@@ -150,5 +150,5 @@ while read -r path; do
 done <"$work/files"
 [ ${#left[@]} -eq 0 ] || fail "left behind: ${left[*]}"
 # The maintainer scripts keep dpkg's record of the removed packages; purge it.
-$sudo dpkg --purge lmreceipt lmreceipt-dev >/dev/null
+$sudo dpkg --purge lmreceipt lmreceipt-dev >/dev/null 2>&1
 echo "package test passed: $(wc -l <"$work/files") paths installed and removed"
