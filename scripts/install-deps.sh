@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# Installs the Debian packages this project builds and tests with.
+# Installs the Debian packages this project builds and tests with, and the
+# ones named as arguments (what the packaging scripts need besides).
 # Idempotent: packages already present are skipped; nothing is done when all are there.
+#
+# usage: scripts/install-deps.sh [PACKAGE...]
 set -euo pipefail
 
 packages=(
@@ -17,6 +20,9 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # sanitizer and fuzzing build
   clang libclang-rt-14-dev
+  # the man pages' check
+  man-db
+  "$@"
 )
 
 missing=()

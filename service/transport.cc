@@ -112,6 +112,12 @@ std::string findServiceExecutable(const std::string& name) {
     path = path.substr(0, path.rfind('/') + 1) + name;
     if (isExecutableFile(path)) return path;
   }
+#ifdef LM_SERVICE_INSTALL_DIR
+  // Where the installed service lives, so that installed clients need no setting.
+  if (const std::string path = LM_SERVICE_INSTALL_DIR "/" + name; isExecutableFile(path)) {
+    return path;
+  }
+#endif
   const char* searchPath = std::getenv("PATH");
   std::string_view rest = searchPath ? searchPath : "/usr/local/bin:/usr/bin:/bin";
   while (!rest.empty()) {

@@ -133,7 +133,8 @@ struct LMWireReply {
 //
 // The executable started on demand is the file named `serviceName` in
 // $LM_SERVICE_DIR when that is set, else beside the calling executable, else
-// found through $PATH. It runs detached (own session, standard input and
+// in the folder the service is installed to (compiled in), else found
+// through $PATH. It runs detached (own session, standard input and
 // output on /dev/null, standard error appended to the log beside the socket)
 // and ends by itself after a minute without connections. Connecting is
 // retried for up to five seconds (and not past the deadline).

@@ -40,7 +40,7 @@ constexpr const char* kUsage =
     "       lmreceipt call [--currency CODE] [--tax RATE]... [--format json|summary]\n"
     "                      [--no-facts | --facts-from best|text|e-invoice]\n"
     "                      [--timeout SECONDS] [--verbose] FILE...\n"
-    "       lmreceipt --help\n";
+    "       lmreceipt --help | --version\n";
 
 constexpr const char* kHelp =
     "lmreceipt analyses receipt and invoice PDFs (and e-invoice XML files) and\n"
@@ -72,6 +72,7 @@ constexpr const char* kHelp =
     "                     per call, warnings about damaged PDFs; call: the client's\n"
     "                     log)\n"
     "  --help             this text\n"
+    "  --version          the version of lmreceipt\n"
     "\n"
     "In JSON, amounts are decimal texts (\"12.5\"), dates whole Unix seconds as text,\n"
     "and \"pages\" holds each page's plain text. \"facts\" (see docs/facts.md) holds\n"
@@ -85,7 +86,8 @@ constexpr const char* kHelp =
     "/tmp/lmreceipt-service-<uid>/ when XDG_RUNTIME_DIR is unset) and prints what\n"
     "analyze prints. When nothing listens there it starts the service: the\n"
     "executable lmreceipt-service in $LM_SERVICE_DIR when that is set, else beside\n"
-    "lmreceipt, else found through $PATH. The service ends by itself after a minute\n"
+    "lmreceipt, else where it was installed (" LM_SERVICE_INSTALL_DIR "),\n"
+    "else found through $PATH. The service ends by itself after a minute\n"
     "without calls; its log is lmreceipt-service.log beside the socket. A service\n"
     "that cannot be reached or does not answer in time is reported per file as\n"
     "\"Service not reachable: ...\".\n"
@@ -346,6 +348,10 @@ int main(int argc, char** argv) {
   if (args.empty()) return usageError("missing command");
   if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
     std::cout << kHelp;
+    return 0;
+  }
+  if (args[0] == "--version") {
+    std::cout << "lmreceipt " LM_VERSION "\n";
     return 0;
   }
   if (args[0] != "analyze" && args[0] != "call") {

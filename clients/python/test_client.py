@@ -11,6 +11,7 @@ of its own, and ends that service when done.
 import argparse
 import datetime
 import decimal
+import json
 import os
 import plistlib
 import shutil
@@ -25,7 +26,7 @@ import unittest
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import lmreceipt_client as client  # noqa: E402
+from lmreceipt import client  # noqa: E402
 
 ARGS = None
 
@@ -184,6 +185,31 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual(1, outputs["call"][0])
         self.assertIn("gross 15.30", outputs["call"][1])
         self.assertIn("error: Could not open document", outputs["call"][1])
+
+    def test_5b_python_m_lmreceipt_prints_what_lmreceipt_call_prints(self):
+        if not ARGS.lmreceipt:
+            self.skipTest("no --lmreceipt given")
+        found_elements = {"numbers", "dates", "terms", "taxTerms", "currencies"}
+        env = dict(os.environ, LM_SERVICE_DIR=os.path.dirname(os.path.abspath(ARGS.service)),
+                   PYTHONPATH=os.path.dirname(os.path.abspath(__file__)),
+                   PYTHONDONTWRITEBYTECODE="1")
+        with tempfile.NamedTemporaryFile(suffix=".pdf") as garbage:
+            garbage.write(b"garbage")
+            garbage.flush()
+            for files in ([ARGS.sample], [ARGS.sample, garbage.name, "/nonexistent.pdf"]):
+                with self.subTest(files=len(files)):
+                    runs = [subprocess.run(command + ["--tax", "7"] + files, capture_output=True,
+                                           text=True, timeout=120, env=env)
+                            for command in ([sys.executable, "-m", "lmreceipt"],
+                                            [ARGS.lmreceipt, "call"])]
+                    self.assertEqual(runs[1].returncode, runs[0].returncode)
+                    printed = [[{k: v for k, v in json.loads(line).items()
+                                 if k not in found_elements}
+                                for line in ([r.stdout] if len(files) == 1
+                                             else r.stdout.splitlines())]
+                               for r in runs]
+                    self.assertEqual(printed[1], printed[0])
+                    self.assertIn("15.30", runs[0].stdout)
 
 
     def test_6_a_stopped_service_times_out(self):

@@ -1,7 +1,7 @@
 """Client for the lmreceipt service, in plain Python (standard library only).
 
-    import lmreceipt_client
-    result = lmreceipt_client.analyze("receipt.pdf", currency="EUR", taxes=[7, 19])
+    import lmreceipt
+    result = lmreceipt.analyze("receipt.pdf", currency="EUR", taxes=[7, 19])
     result["gross"]     # decimal.Decimal('15.3')
     result["date"]      # datetime.datetime(..., tzinfo=datetime.timezone.utc)
 
@@ -10,7 +10,7 @@ carrying the task as a keyed archive, one reply frame carrying the result
 archive or an error (docs/protocol.md). When nothing listens on the socket the
 client starts the service executable and retries for a few seconds, as the
 C++ client does. A call gives up after `timeout` seconds (default 120),
-starting the service and connecting included. See README.md beside this file.
+starting the service and connecting included. See clients/python/README.md.
 """
 
 from __future__ import annotations
@@ -27,6 +27,8 @@ import struct
 import subprocess
 import time
 from typing import Any, Iterable
+
+from . import _paths
 
 DEFAULT_SERVICE_NAME = "lmreceipt-service"
 ERROR_DOMAIN = "com.brightmoor.error"
@@ -460,14 +462,16 @@ def socket_path(service_name: str = DEFAULT_SERVICE_NAME) -> str:
 def find_service_executable(service_name: str = DEFAULT_SERVICE_NAME) -> str | None:
     """$LM_SERVICE_DIR/<name> when LM_SERVICE_DIR is set, else <name> in the
     build folder of the repository this module sits in (build/, where
-    scripts/demo.sh and scripts/test.sh put it), else <name> on PATH."""
+    scripts/demo.sh and scripts/test.sh put it), else <name> where the
+    package's installation put the service, else <name> on PATH."""
     folder = os.environ.get("LM_SERVICE_DIR")
     if folder:
         return os.path.join(folder, service_name)
-    built = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "build",
-                         service_name)
-    if os.path.isfile(built) and os.access(built, os.X_OK):
-        return os.path.normpath(built)
+    here = os.path.dirname(os.path.abspath(__file__))
+    for folder in (os.path.join(here, "..", "..", "..", "build"), _paths.SERVICE_DIR):
+        candidate = os.path.join(folder, service_name) if folder else ""
+        if os.path.isfile(candidate) and os.access(candidate, os.X_OK):
+            return os.path.normpath(candidate)
     return shutil.which(service_name)
 
 
