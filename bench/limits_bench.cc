@@ -6,7 +6,8 @@
 // request frame read from a socket, the reply archived and sent as a frame,
 // which this process reads and counts).
 //
-// Usage: lm_limits_bench [SHAPE...]; without arguments every shape.
+// Usage: lm_limits_bench [--facts] [SHAPE...]; without shapes every shape.
+// --facts: the task asks for facts too.
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -27,6 +28,15 @@
 #include "service/transport.h"
 
 namespace {
+
+bool askFacts = false;
+
+// The task of one measurement: the document, and facts when asked for.
+LMDictionary taskFor(const LMData& pdf) {
+  LMDictionary task{{u"data", pdf}};
+  if (askFacts) task.set(u"facts", LMValue(true));
+  return task;
+}
 
 struct Shape {
   const char* name;
@@ -93,7 +103,7 @@ void measure(const Shape& shape, int64_t size) {
   const double inProcess = peakOfChild(
       [&] {
         close(pipeFds[0]);
-        const LMXPCReply reply = lmPerformReceiptTask(LMDictionary{{u"data", pdf}});
+        const LMXPCReply reply = lmPerformReceiptTask(taskFor(pdf));
         const std::string text = reply.error
                                      ? "error: " + lmUtf8(reply.error->message)
                                      : "gross " + lmUtf8(reply.result->at(u"gross").toString());
@@ -108,7 +118,7 @@ void measure(const Shape& shape, int64_t size) {
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   // The request is archived before the fork, as a client would send it.
-  const std::vector<uint8_t> request = lxDataSerialize(LMDictionary{{u"data", pdf}}).value();
+  const std::vector<uint8_t> request = lxDataSerialize(taskFor(pdf)).value();
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return;
   LMFrame reply;
@@ -135,9 +145,17 @@ void measure(const Shape& shape, int64_t size) {
 int main(int argc, char** argv) {
   std::printf("%-13s %9s %9s %10s %10s %10s  %s\n", "shape", "size", "time", "peak",
               "service", "reply", "outcome");
+  std::vector<std::string> names;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string(argv[i]) == "--facts") {
+      askFacts = true;
+    } else {
+      names.emplace_back(argv[i]);
+    }
+  }
   for (const Shape& shape : shapes()) {
-    bool wanted = argc < 2;
-    for (int i = 1; i < argc; ++i) wanted = wanted || shape.name == std::string(argv[i]);
+    bool wanted = names.empty();
+    for (const std::string& name : names) wanted = wanted || shape.name == name;
     if (!wanted) continue;
     std::printf("# %s: size = %s\n", shape.name, shape.unit);
     for (int64_t factor : {1, 2, 4}) measure(shape, shape.base * factor);
