@@ -29,7 +29,7 @@ LMGrossAnalysis lmAnalyzeGross(const LMFoundNumbers& all, const LMFoundElements&
     smallestFont = std::min(smallestFont, n->fontSize());
     largestFont = std::max(largestFont, n->fontSize());
     maxRight = std::max(maxRight, n->bbox().maxX());
-    if (!n->features()) n->setFeatures(LMDictionary());
+    if (!n->hasFeatures()) n->setFeatures(LMDictionary());
   }
   // Documents whose numbers nearly share one size get no medium size.
   double mediumFont = std::numeric_limits<double>::quiet_NaN();
@@ -64,26 +64,25 @@ LMGrossAnalysis lmAnalyzeGross(const LMFoundNumbers& all, const LMFoundElements&
       [](LMFoundNumber& n, double d) { n.setGrossFactor(d); });
 
   for (const auto& candidate : candidates) {
-    LMDictionary& features = *candidate->mutableFeatures();
     double weight = 0;
     if (candidate->isOcr()) {
       weight += !std::isnan(mediumFont) && mediumFont < candidate->fontSize() ? 0.5 : 0;
     } else {
-      features.set(u"font_size", candidate->fontSize());
+      candidate->setFeature(u"font_size", candidate->fontSize());
       weight += candidate->fontSize();
       const double bold = candidate->bold() ? 1 : 0;
-      features.set(u"font_bold", bold);
+      candidate->setFeature(u"font_bold", bold);
       weight += 1.1 * bold;
     }
     const double rightness = std::ceil(candidate->bbox().maxX() / maxRight * 3.0) / 3.0;
-    features.set(u"position_rightness", rightness);
+    candidate->setFeature(u"position_rightness", rightness);
     weight += rightness * 0.1;
     const double twoPlaces = candidate->decimalPlaces() == 2 ? 1 : 0;
-    features.set(u"text_decimalplaces_eq_two", twoPlaces);
+    candidate->setFeature(u"text_decimalplaces_eq_two", twoPlaces);
     weight += twoPlaces;
     if (candidate->grossFactor() > 0) {
       const double nearness = lmTermNearness(maxGrossFactor, candidate->grossFactor());
-      features.set(u"text_gross_term_nearby", nearness);
+      candidate->setFeature(u"text_gross_term_nearby", nearness);
       weight += nearness * 5.0;
     }
     candidate->setSortWeight(weight);

@@ -44,7 +44,7 @@ std::optional<LMDecimal> lmAnalyzeTax(const std::vector<LMTaxRate>& rates,
 
   LMFoundNumbers candidates;
   for (const auto& n : numbers) {
-    if (!n->features()) n->setFeatures(LMDictionary());
+    if (!n->hasFeatures()) n->setFeatures(LMDictionary());
     if (n->decimalPlaces() >= 2 && n->integerValue() > 0 && n->integerValue() <= ceiling) {
       candidates.push_back(n);
     }
@@ -55,25 +55,25 @@ std::optional<LMDecimal> lmAnalyzeTax(const std::vector<LMTaxRate>& rates,
                            [](LMFoundNumber& n, double d) { n.setTaxFactor(d); });
 
   for (const auto& candidate : candidates) {
-    LMDictionary& features = *candidate->mutableFeatures();
     const int64_t amount = candidate->integerValue();
     double weight = 0;
     for (size_t i = 0; i < expected.size(); ++i) {
       const int64_t e = expected[i];
       if (e - 3 <= amount && amount <= e + 3) {
-        features.set(u"text_tax_" + rates[i].text + u"_percent_fit_" + integerText(e - 3) + u"_" +
-                         integerText(e + 3) + u"_" + integerText(amount),
-                     2.0);
+        candidate->setFeature(u"text_tax_" + rates[i].text + u"_percent_fit_" +
+                                  integerText(e - 3) + u"_" + integerText(e + 3) + u"_" +
+                                  integerText(amount),
+                              2.0);
         weight = 2;
         break;
       }
     }
     if (candidate->taxFactor() > 0) {
       const double nearness = lmTermNearness(maxTaxFactor, candidate->taxFactor());
-      features.set(u"text_tax_term_nearby", nearness);
+      candidate->setFeature(u"text_tax_term_nearby", nearness);
       weight += nearness;
     }
-    features.set(u"sort_Weight_tax", weight);
+    candidate->setFeature(u"sort_Weight_tax", weight);
     candidate->setSortWeight(weight);
   }
 

@@ -55,7 +55,8 @@ TEST(TaxAnalysisTest, CeilingTieBreakAndMissingGross) {
   auto b = number(702, 2, {100, 200, 50, 10});
   EXPECT_EQ(u"7", text(lmAnalyzeTax(rates({7, 7}), LMDecimal::fromInt(107), {b, a}, {})));
   size_t fits = 0;
-  for (const auto& e : *a->features()) fits += e.key.view().starts_with(u"text_tax_7_percent_fit");
+  const LMDictionary features = *a->features();
+  for (const auto& e : features) fits += e.key.view().starts_with(u"text_tax_7_percent_fit");
   EXPECT_EQ(1u, fits);
 
   EXPECT_FALSE(lmAnalyzeTax(rates({19}), std::nullopt, {number(1900, 2, {0, 0, 1, 1})}, {}));

@@ -20,8 +20,7 @@ double lmAssignNearestTerms(
       const std::u16string key = term->key().value_or(u"");
       if (d == best && key.size() < lastKey.size()) continue;
       setFactor(*candidate, d);
-      if (!candidate->features()) candidate->setFeatures(LMDictionary());
-      candidate->mutableFeatures()->set(u"term", term->string().value_or(u""));
+      candidate->setFeature(u"term", term->string().value_or(u""));
       lastKey = key;
       best = d;
       maxFactor = std::max(maxFactor, d);

@@ -26,11 +26,24 @@ LMDictionary LMFoundElement::jsonDictionary() const {
                       {u"landscape", landscape_}};
 }
 
+void LMFoundElement::setUserInfo(LMValue v) {
+  userInfo_ = v.isNil() ? nullptr : std::make_shared<const LMValue>(std::move(v));
+}
+
+std::optional<LMDictionary> LMFoundElement::debugInfo() const {
+  if (!debugInfo_) return std::nullopt;
+  return *debugInfo_;
+}
+
+void LMFoundElement::setDebugInfo(std::optional<LMDictionary> d) {
+  debugInfo_ = d ? std::make_shared<const LMDictionary>(std::move(*d)) : nullptr;
+}
+
 void LMFoundElement::encodeWithCoder(LMKeyedEncoder& coder) const {
   coder.encodeInt64(u"page", page_);
   coder.encodeRect(u"pageBox", pageBox_);
   coder.encodeRect(u"bbox", bbox_);
-  coder.encodeObject(u"userInfo", userInfo_);
+  coder.encodeObject(u"userInfo", userInfo());
   coder.encodeObject(u"string", lmOptionalText(string_));
   coder.encodeObject(u"key", lmOptionalText(key_));
 }

@@ -45,12 +45,12 @@ class LMFoundElement : public LMObject {
   const std::optional<std::u16string>& key() const { return key_; }
   void setKey(std::optional<std::u16string> k) { key_ = std::move(k); }
   // Free slot for the creator's own data.
-  const LMValue& userInfo() const { return userInfo_; }
-  void setUserInfo(LMValue v) { userInfo_ = std::move(v); }
+  const LMValue& userInfo() const { return userInfo_ ? *userInfo_ : lmNil(); }
+  void setUserInfo(LMValue v);
   // Diagnostic notes; nullopt when never set. Made on each call (numbers
   // keep what their notes are made of rather than the dictionary).
-  virtual std::optional<LMDictionary> debugInfo() const { return debugInfo_; }
-  virtual void setDebugInfo(std::optional<LMDictionary> d) { debugInfo_ = std::move(d); }
+  virtual std::optional<LMDictionary> debugInfo() const;
+  virtual void setDebugInfo(std::optional<LMDictionary> d);
   bool bold() const { return bold_; }
   void setBold(bool v) { bold_ = v; }
   double fontSize() const { return fontSize_; }
@@ -88,8 +88,9 @@ class LMFoundElement : public LMObject {
   bool letter_ = false;
   std::optional<std::u16string> string_;
   std::optional<std::u16string> key_;
-  LMValue userInfo_;
-  std::optional<LMDictionary> debugInfo_;
+  // Rarely set, so kept aside (null for nil, nullopt) to keep every element small.
+  std::shared_ptr<const LMValue> userInfo_;
+  std::shared_ptr<const LMDictionary> debugInfo_;
   bool bold_ = false;
   double fontSize_ = 0;
   int64_t weightOfFont_ = 0;

@@ -1,47 +1,59 @@
 #include "elements/found_number.h"
 
-LMDictionary* LMFoundNumber::mutableFeatures() {
-  // Shared with kept notes: those keep the features as they were.
-  if (features_ && features_.use_count() > 1) {
-    features_ = std::make_shared<LMDictionary>(*features_);
-  }
-  return features_.get();
+std::optional<LMDictionary> LMFoundNumber::features() const {
+  if (!hasFeatures_) return std::nullopt;
+  return features_.dictionary(features_.size());
+}
+
+void LMFoundNumber::setFeature(std::u16string_view key, LMValue value) {
+  if (!hasFeatures_) setFeatures(LMDictionary());
+  features_.set(key, std::move(value));
 }
 
 void LMFoundNumber::setFeatures(std::optional<LMDictionary> f) {
-  features_ = f ? std::make_shared<LMDictionary>(std::move(*f)) : nullptr;
+  // The log only grows, so that kept notes still find their features in it.
+  if (features_.size() > 0) features_.clear();
+  hasFeatures_ = f.has_value();
+  if (!f) return;
+  for (const LMDictionaryEntry& e : *f) features_.set(e.key.view(), e.value);
 }
 
 void LMFoundNumber::keepDebugInfo() {
   LMFoundElement::setDebugInfo(std::nullopt);
-  keptNotes_ = KeptNotes{sortWeight_, currencyCode_, features_};
+  hasKeptNotes_ = true;
+  keptHasFeatures_ = hasFeatures_;
+  keptFeatureWrites_ = static_cast<uint32_t>(features_.keep());
+  keptSortWeight_ = sortWeight_;
+  keptCurrencyCode_ = currencyCode_;
 }
 
 std::optional<LMDictionary> LMFoundNumber::debugInfo() const {
-  if (!keptNotes_) return LMFoundElement::debugInfo();
-  return jsonDictionaryWith(keptNotes_->sortWeight, keptNotes_->currencyCode,
-                            keptNotes_->features.get());
+  if (!hasKeptNotes_) return LMFoundElement::debugInfo();
+  return jsonDictionaryWith(keptSortWeight_, keptCurrencyCode_, keptHasFeatures_,
+                            keptFeatureWrites_);
 }
 
 void LMFoundNumber::setDebugInfo(std::optional<LMDictionary> d) {
-  keptNotes_.reset();
+  hasKeptNotes_ = false;
+  keptCurrencyCode_.reset();
   LMFoundElement::setDebugInfo(std::move(d));
 }
 
 LMDictionary LMFoundNumber::jsonDictionary() const {
-  return jsonDictionaryWith(sortWeight_, currencyCode_, features_.get());
+  return jsonDictionaryWith(sortWeight_, currencyCode_, hasFeatures_, features_.size());
 }
 
 LMDictionary LMFoundNumber::jsonDictionaryWith(double sortWeight,
                                                const std::optional<std::u16string>& currencyCode,
-                                               const LMDictionary* features) const {
+                                               bool hasFeatures, size_t featureWrites) const {
   LMDictionary json = LMFoundElement::jsonDictionary();
   json.set(u"decimalPlaces", static_cast<int64_t>(decimalPlaces_));
   json.set(u"sortWeight", sortWeight);
   json.set(u"places", static_cast<int64_t>(decimalPlaces_));
   json.set(u"number", decimalNumber());
   json.set(u"currencyCode", currencyCode ? LMValue(*currencyCode) : LMValue::null());
-  json.set(u"features", features ? LMValue(*features) : LMValue::null());
+  json.set(u"features",
+           hasFeatures ? LMValue(features_.dictionary(featureWrites)) : LMValue::null());
   return json;
 }
 

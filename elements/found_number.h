@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "elements/feature_log.h"
 #include "elements/found_element.h"
 #include "kit/decimal.h"
 
@@ -43,11 +44,13 @@ class LMFoundNumber : public LMFoundElement {
   void setGrossFactor(double v) { grossFactor_ = v; }
   double netFactor() const { return netFactor_; }
   void setNetFactor(double v) { netFactor_ = v; }
-  // Named features of the match; null until set.
-  const LMDictionary* features() const { return features_.get(); }
-  // The features to change; null until set. The notes keepDebugInfo() kept
-  // stay as they were.
-  LMDictionary* mutableFeatures();
+  // Named features of the match, made on each call; nullopt until set.
+  std::optional<LMDictionary> features() const;
+  bool hasFeatures() const { return hasFeatures_; }
+  // Sets one feature as LMDictionary::set does (a new key goes last), making
+  // the features empty first when they were unset. The notes keepDebugInfo()
+  // kept stay as they were.
+  void setFeature(std::u16string_view key, LMValue value);
   void setFeatures(std::optional<LMDictionary> f);
 
   // Keeps jsonDictionary() as it is now as the diagnostic notes that
@@ -76,7 +79,6 @@ class LMFoundNumber : public LMFoundElement {
   int64_t integerValue_;
   uint64_t decimalPlaces_;
   std::optional<std::u16string> numberString_;
-  bool currencyNearby_ = false;
   std::optional<std::u16string> currencyCode_;
   double sortWeight_ = 0;
   double taxWeight_ = 0;
@@ -85,17 +87,20 @@ class LMFoundNumber : public LMFoundElement {
   double taxFactor_ = 0;
   double grossFactor_ = 0;
   double netFactor_ = 0;
-  std::shared_ptr<LMDictionary> features_;
+  LMFeatureLog features_;
+  bool currencyNearby_ = false;
+  bool hasFeatures_ = false;
 
-  // What keepDebugInfo() kept of the fields that change during the analysis.
-  struct KeptNotes {
-    double sortWeight;
-    std::optional<std::u16string> currencyCode;
-    std::shared_ptr<LMDictionary> features;
-  };
-  std::optional<KeptNotes> keptNotes_;
+  // What keepDebugInfo() kept of the fields that change during the analysis
+  // (when hasKeptNotes_): the features as the first keptFeatureWrites_ writes
+  // of the log made them.
+  bool hasKeptNotes_ = false;
+  bool keptHasFeatures_ = false;
+  uint32_t keptFeatureWrites_ = 0;
+  double keptSortWeight_ = 0;
+  std::optional<std::u16string> keptCurrencyCode_;
 
   LMDictionary jsonDictionaryWith(double sortWeight,
                                   const std::optional<std::u16string>& currencyCode,
-                                  const LMDictionary* features) const;
+                                  bool hasFeatures, size_t featureWrites) const;
 };

@@ -24,7 +24,7 @@ TEST(FoundNumberTest, KeptNotesStayAsTheNumberWasWhenKept) {
   n.setSortWeight(1.5);
   n.keepDebugInfo();
   const LMValue kept = n.jsonObject();
-  n.mutableFeatures()->set(u"sort_Weight_tax", 2.0);
+  n.setFeature(u"sort_Weight_tax", 2.0);
   n.setSortWeight(2);
   n.setCurrencyCode(u"EUR");
   EXPECT_EQ(kept, LMValue(*n.debugInfo()));
