@@ -2,20 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <thread>
 
 #include "document/generated_pdf_test_util.h"
-#include "kit/diagnostics.h"
+#include "kit/test_support.h"
+#include "service/service_test_harness.h"
 
 namespace {
 
-LMData fixture(const std::string& name) {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/" + name, std::ios::binary);
-  return LMData((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
+using lm_test::fixture;
 
 // A PDF whose page tree is empty.
 LMData zeroPagePdf() {
@@ -28,28 +24,19 @@ LMData zeroPagePdf() {
 
 class QuietLog : public testing::Test {
  protected:
-  void SetUp() override {
-    lmSetLogSink([this](std::string_view line) { log.emplace_back(line); });
-  }
-  void TearDown() override { lmSetLogSink({}); }
-  std::vector<std::string> log;
+  LMLogCapture log_;
 };
 
 using ReceiptWorkerTest = QuietLog;
 using WorkerRuntimeTest = QuietLog;
 
-TEST_F(ReceiptWorkerTest, AnalysesTheSampleWithDefaults) {
+// The sample's whole result is pinned by the command-line golden test; here
+// only what a task without options defaults to.
+TEST_F(ReceiptWorkerTest, ATaskWithoutOptionsHasNoRates) {
   const LMXPCReply reply = lmPerformReceiptTask(LMDictionary{{u"data", fixture("sample-receipt.pdf")}});
-  ASSERT_FALSE(reply.error) << std::string(reply.error->message.begin(), reply.error->message.end());
-  const LMDictionary& result = *reply.result->asDictionary();
-  EXPECT_EQ(22u, result.size());
-  EXPECT_EQ(u"15.3", result.at(u"gross").toString());
-  EXPECT_EQ(u"EUR", result.at(u"currency").toString());
-  EXPECT_EQ(LMValue(LMArray()), result.at(u"taxes"));
-  EXPECT_EQ(u"1", result.at(u"tax").toString());  // no rates: the amount beside "MwSt" wins
-  ASSERT_EQ(1u, result.at(u"pages").len());
-  EXPECT_NE(std::u16string::npos,
-            result.at(u"pages").asArray()->at(0).toString().find(u"Gesamtbetrag"));
+  ASSERT_TRUE(reply.result);
+  EXPECT_EQ(LMValue(LMArray()), reply.result->at(u"taxes"));
+  EXPECT_EQ(u"1", reply.result->at(u"tax").toString());  // no rates: the amount beside "MwSt" wins
 }
 
 TEST_F(ReceiptWorkerTest, TaxRatesAndCurrencyReachTheAnalysis) {
@@ -202,8 +189,6 @@ TEST_F(WorkerRuntimeTest, ExactlyOneReplyForEveryKindOfWork) {
   const LMXPCReply reply = perform(empty, LMDictionary{});
   ASSERT_TRUE(reply.error);
   EXPECT_EQ(u"", reply.error->message);
-  EXPECT_TRUE(base.object().isNil());
-  EXPECT_TRUE(base.uid().empty());
 }
 
 TEST_F(WorkerRuntimeTest, BootRequestSkipsWork) {
@@ -217,6 +202,7 @@ TEST_F(WorkerRuntimeTest, LogsNumberedCallsAndErrors) {
   LMXPCBaseWorker base;
   perform(base, LMValue());
   perform(base, LMValue());
+  const std::vector<std::string> log = log_.fullLines();
   ASSERT_GE(log.size(), 6u);
   auto number = [](const std::string& line) { return std::stoul(line.substr(line.rfind('#') + 1)); };
   EXPECT_NE(std::string::npos, log[0].find("==> XPC work on task "));
