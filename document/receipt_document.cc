@@ -35,20 +35,6 @@ LMValue LMReceiptDocument::stringForPage(int64_t page) {
   return stringCache_.emplace(page, LMValue(pdfPage->string())).first->second;
 }
 
-const LMAttributedString* LMReceiptDocument::attributedStringForPage(int64_t page) {
-  auto cached = attrStringCache_.find(page);
-  if (cached == attrStringCache_.end()) {
-    if (page < 0 || page >= pageCount_) return nullptr;  // invalid: not cached
-    const auto pdfPage = validPage(page);
-    std::optional<LMAttributedString> text;
-    if (pdfPage && pdfPage->attributedString().length() > 0) {
-      text = pdfPage->attributedString();
-    }
-    cached = attrStringCache_.emplace(page, std::move(text)).first;
-  }
-  return cached->second ? &*cached->second : nullptr;
-}
-
 LMRect LMReceiptDocument::boundsForTextRange(LMTextRange range, int64_t page) const {
   const auto pdfPage = validPage(page);
   if (!pdfPage) return LMRect::null();

@@ -41,11 +41,6 @@ class LMReceiptDocument {
   // the following ones. Callers treat both as "no text".
   LMValue stringForPage(int64_t page);
 
-  // The adapter's attributed text of page `page`, or nullptr when the page
-  // has no text (on every call) or the index is out of range. The text is
-  // owned by this object and lives as long as it.
-  const LMAttributedString* attributedStringForPage(int64_t page);
-
   // The rectangle enclosing the characters of `range` on page `page`: the
   // zero rectangle when the range selects nothing, the null rectangle when
   // the request is invalid (page index out of range, range beyond the
@@ -61,7 +56,5 @@ class LMReceiptDocument {
   int64_t pageCount_ = 0;
   // Page index -> text, or the null marker for a page without text.
   std::map<int64_t, LMValue> stringCache_;
-  // Page index -> attributed text, or nullopt for a page without text.
-  std::map<int64_t, std::optional<LMAttributedString>> attrStringCache_;
   bool ocr_ = false;
 };

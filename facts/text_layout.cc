@@ -243,21 +243,19 @@ LMTextLayout::LMTextLayout(const LMReceiptParser& parser) {
   rangesOf(parser.numbers(), numberRanges);
   rangesOf(parser.dates(), dateRanges);
   for (int64_t page = 0; page < pages; ++page) {
-    const LMAttributedString* attributed = parser.doc()->attributedStringForPage(page);
-    if (!attributed || attributed->length() == 0) continue;
-    const std::u16string text = LMPDFPage::normalizePDFString(attributed->string);
+    // The page's plain text, read in place: its font runs are not needed here.
+    const auto pdfPage = parser.doc()->pdfDoc() ? parser.doc()->pdfDoc()->pageAtIndex(page) : nullptr;
+    if (!pdfPage || pdfPage->string().empty()) continue;
+    const std::u16string text = LMPDFPage::normalizePDFString(pdfPage->string());
     const LMFoldedText folded = lmFoldLabelText(text);
     LMPageGeometry geometry;
     geometry.index = page;
-    if (auto pdfPage = parser.doc()->pdfDoc() ? parser.doc()->pdfDoc()->pageAtIndex(page) : nullptr) {
-      geometry.mediaBox = pdfPage->mediaBox();
-      if (pageBoxes_.size() <= static_cast<size_t>(page)) pageBoxes_.resize(page + 1);
-      pageBoxes_[page] = geometry.mediaBox.standardized();
-      geometry.lines = pdfPage->lines();
-      std::sort(
-          geometry.lines.begin(), geometry.lines.end(),
-          [](const LMPdfTextLine& a, const LMPdfTextLine& b) { return a.range.location < b.range.location; });
-    }
+    geometry.mediaBox = pdfPage->mediaBox();
+    if (pageBoxes_.size() <= static_cast<size_t>(page)) pageBoxes_.resize(page + 1);
+    pageBoxes_[page] = geometry.mediaBox.standardized();
+    geometry.lines = pdfPage->lines();
+    std::sort(geometry.lines.begin(), geometry.lines.end(),
+              [](const LMPdfTextLine& a, const LMPdfTextLine& b) { return a.range.location < b.range.location; });
     if (pageTexts_.size() <= static_cast<size_t>(page)) pageTexts_.resize(page + 1);
     pageTexts_[page] = text;
     auto box = [&](size_t from, size_t to) {
