@@ -54,7 +54,7 @@ void collectKeys(const LMValue& value, KeyLists& lists) {
   } else if (const LMArray* a = value.asArray()) {
     for (const LMValue& element : *a) collectKeys(element, lists);
   } else if (const LMAttributedString* s = value.asAttributedString()) {
-    for (const LMAttributeRun& run : s->runs) collectKeys(LMValue(run.attributes), lists);
+    for (const LMAttributeRun& run : s->runs) collectKeys(LMValue(run.attributes()), lists);
   }
 }
 

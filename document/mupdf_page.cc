@@ -314,12 +314,14 @@ class LMMuPdfPage final : public LMPdfSourcePage {
   // stands in a run of its own without attributes, so the runs cover the
   // whole string and agree with fontAtIndex.
   void buildRuns() const {
+    // One dictionary per font, shared by all of the font's runs.
+    std::vector<std::shared_ptr<const LMDictionary>> fontAttributes(fonts_.size());
     uint64_t i = 0;
     while (i < unitChars_.size()) {
       const int32_t c = unitChars_[i];
       uint64_t end = i + 1;
       if (c == kLineBreak) {
-        text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, 1), LMDictionary()});
+        text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, 1), nullptr});
         i = end;
         continue;
       }
@@ -328,10 +330,13 @@ class LMMuPdfPage final : public LMPdfSourcePage {
              chars_[unitChars_[end]].font == font) {
         ++end;
       }
-      LMDictionary attributes;
-      attributes.set(kLMPdfFontNameAttribute, LMValue(fonts_[font].name));
-      attributes.set(kLMPdfFontSizeAttribute, LMValue(fonts_[font].size));
-      text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, end - i), std::move(attributes)});
+      if (!fontAttributes[font]) {
+        LMDictionary attributes;
+        attributes.set(kLMPdfFontNameAttribute, LMValue(fonts_[font].name));
+        attributes.set(kLMPdfFontSizeAttribute, LMValue(fonts_[font].size));
+        fontAttributes[font] = std::make_shared<const LMDictionary>(std::move(attributes));
+      }
+      text_->runs.push_back(LMAttributeRun{LMTextRange::make(i, end - i), fontAttributes[font]});
       i = end;
     }
   }

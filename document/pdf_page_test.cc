@@ -74,10 +74,10 @@ TEST(PDFPageTest, EveryLineCarriesItsBoxAndRange) {
   ASSERT_EQ(2u, text.runs.size());
   EXPECT_EQ(LMTextRange::make(0, 5), text.runs[0].range);
   EXPECT_EQ(LMTextRange::make(6, 5), text.runs[1].range);
-  EXPECT_EQ(LMValue(u"{{72, 400}, {40.5, 12}}"), text.runs[0].attributes.at(u"LMPDFLineBox"));
-  EXPECT_EQ(LMValue(u"{6, 5}"), text.runs[0].attributes.at(u"LMPDFLineRange"));
-  EXPECT_EQ(LMValue(u"{{400, 400}, {30, 12}}"), text.runs[1].attributes.at(u"LMPDFLineBox"));
-  EXPECT_EQ(LMValue(u"{0, 5}"), text.runs[1].attributes.at(u"LMPDFLineRange"));
+  EXPECT_EQ(LMValue(u"{{72, 400}, {40.5, 12}}"), text.runs[0].attributes().at(u"LMPDFLineBox"));
+  EXPECT_EQ(LMValue(u"{6, 5}"), text.runs[0].attributes().at(u"LMPDFLineRange"));
+  EXPECT_EQ(LMValue(u"{{400, 400}, {30, 12}}"), text.runs[1].attributes().at(u"LMPDFLineBox"));
+  EXPECT_EQ(LMValue(u"{0, 5}"), text.runs[1].attributes().at(u"LMPDFLineRange"));
 }
 
 TEST(PDFPageTest, NoBreakSpaceSplitsTheTextButNotTheLine) {

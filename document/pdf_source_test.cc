@@ -88,17 +88,17 @@ void expectLinesAndRunsInStep(const LMPdfSourcePage& page) {
     ASSERT_EQ(next, run.range.location);
     ASSERT_GT(run.range.length, 0u);
     if (previous) {
-      EXPECT_FALSE(*previous == run.attributes);
+      EXPECT_FALSE(*previous == run.attributes());
     }
     for (uint64_t i = run.range.location; i < run.range.end(); ++i) {
       auto font = page.fontAtIndex(i);
-      ASSERT_EQ(!run.attributes.empty(), font.has_value()) << i;
+      ASSERT_EQ(!run.attributes().empty(), font.has_value()) << i;
       if (!font) continue;
-      EXPECT_EQ(font->name, run.attributes.at(kLMPdfFontNameAttribute).toString());
-      EXPECT_EQ(font->size, *run.attributes.at(kLMPdfFontSizeAttribute).asDouble());
+      EXPECT_EQ(font->name, run.attributes().at(kLMPdfFontNameAttribute).toString());
+      EXPECT_EQ(font->size, *run.attributes().at(kLMPdfFontSizeAttribute).asDouble());
     }
     next = run.range.end();
-    previous = &run.attributes;
+    previous = &run.attributes();
   }
   EXPECT_EQ(text.size(), next);
 }

@@ -311,8 +311,21 @@ bool operator==(const LMDictionary& a, const LMDictionary& b) {
   return true;
 }
 
+LMAttributeRun::LMAttributeRun(LMTextRange range, LMDictionary attributes)
+    : range(range),
+      attributes_(attributes.empty() ? nullptr
+                                     : std::make_shared<const LMDictionary>(std::move(attributes))) {}
+
+LMAttributeRun::LMAttributeRun(LMTextRange range, std::shared_ptr<const LMDictionary> attributes)
+    : range(range), attributes_(std::move(attributes)) {}
+
+const LMDictionary& LMAttributeRun::attributes() const {
+  static const LMDictionary none;
+  return attributes_ ? *attributes_ : none;
+}
+
 bool operator==(const LMAttributeRun& a, const LMAttributeRun& b) {
-  return a.range == b.range && a.attributes == b.attributes;
+  return a.range == b.range && a.attributes() == b.attributes();
 }
 
 bool operator==(const LMAttributedString& a, const LMAttributedString& b) {

@@ -113,11 +113,21 @@ class LMDictionary {
   std::unique_ptr<Index> index_;
 };
 
-// One run of attributes over a range of an attributed text.
+// One run of attributes over a range of an attributed text. Runs with the
+// same attributes may share one dictionary (a page's runs of one font do,
+// and a page of many font changes has as many runs as characters): the
+// dictionary is never changed once it is in a run.
 struct LMAttributeRun {
+  LMAttributeRun(LMTextRange range, LMDictionary attributes);
+  // `attributes` null: a run without attributes.
+  LMAttributeRun(LMTextRange range, std::shared_ptr<const LMDictionary> attributes);
+
   LMTextRange range;
-  LMDictionary attributes;
+  const LMDictionary& attributes() const;
   friend bool operator==(const LMAttributeRun&, const LMAttributeRun&);
+
+ private:
+  std::shared_ptr<const LMDictionary> attributes_;
 };
 
 // Text with attributes over ranges (a page's rich text).

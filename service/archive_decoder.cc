@@ -460,14 +460,12 @@ class ArchiveReader {
     for (const LMValue& slot : *slots) {
       if (!slot.asDictionary()) fail("NSAttributes holds something other than dictionaries");
     }
-    // The runs first, to know each slot's last use: that one takes the
-    // dictionary, the others copy it.
-    struct Run {
-      LMTextRange range;
-      uint64_t slot;
-    };
-    std::vector<Run> runs;
-    std::vector<size_t> lastUse(slots->size(), SIZE_MAX);
+    // Runs of one slot share its dictionary.
+    std::vector<std::shared_ptr<const LMDictionary>> shared(slots->size());
+    for (size_t i = 0; i < slots->size(); ++i) {
+      LMDictionary& dictionary = *(*slots)[i].asDictionary();
+      if (!dictionary.empty()) shared[i] = std::make_shared<const LMDictionary>(std::move(dictionary));
+    }
     size_t pos = 0;
     for (uint64_t at = 0; at < length;) {
       uint64_t runLength = 0;
@@ -478,20 +476,10 @@ class ArchiveReader {
         fail("NSAttributeInfo names attributes " + number(slot) + " of " + number(slots->size()));
       if (runLength > length - at) fail("attribute runs pass the end of the text");
       if (runLength > 0) {
-        // Decoding the array paid for each dictionary once; copies beyond
-        // one a slot cost again.
-        if (lastUse[slot] != SIZE_MAX) spend(weight((*slots)[slot]));
-        lastUse[slot] = runs.size();
-        runs.push_back({LMTextRange::make(at, runLength), slot});
+        spend(1);
+        result.runs.push_back({LMTextRange::make(at, runLength), shared[slot]});
       }
       at += runLength;
-    }
-    result.runs.reserve(runs.size());
-    for (size_t i = 0; i < runs.size(); ++i) {
-      LMDictionary& attributesOfRun = *(*slots)[runs[i].slot].asDictionary();
-      result.runs.push_back({runs[i].range, lastUse[runs[i].slot] == i
-                                                ? std::move(attributesOfRun)
-                                                : LMDictionary(attributesOfRun)});
     }
     return result;
   }

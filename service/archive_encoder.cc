@@ -295,7 +295,7 @@ class ArchiveWriter {
         if (!run.range.fitsIn(length) || run.range.location < at)
           fail("attribute runs overlap, run backwards or pass the end of their text");
         if (run.range.location > at) runs.push_back({run.range.location - at, &none});
-        runs.push_back({run.range.length, &run.attributes});
+        runs.push_back({run.range.length, &run.attributes()});
         at = run.range.end();
       }
       if (at < length) runs.push_back({length - at, &none});

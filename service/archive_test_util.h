@@ -136,7 +136,7 @@ inline std::string dump(const LMValue& v, bool sortKeys = false) {
       std::string out = "A" + text(v.asAttributedString()->string);
       for (const LMAttributeRun& r : v.asAttributedString()->runs)
         out += "(" + std::to_string(r.range.location) + "," + std::to_string(r.range.length) + ")" +
-               dump(r.attributes, sortKeys);
+               dump(r.attributes(), sortKeys);
       return out;
     }
     case LMValueKind::kObject:
