@@ -6,7 +6,9 @@
 // request frame read from a socket, the reply archived and sent as a frame,
 // which this process reads and counts).
 //
-// Usage: lm_limits_bench [--facts] [SHAPE...]; without shapes every shape.
+// Usage: lm_limits_bench [--facts] [SHAPE[=SIZE]...]; without shapes every
+// shape. A shape alone is measured at 1, 2 and 4 times its base size, a
+// shape with a size at that size only (e.g. dense-text=10, at a limit).
 // --facts: the task asks for facts too.
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -36,6 +38,18 @@ LMDictionary taskFor(const LMData& pdf) {
   LMDictionary task{{u"data", pdf}};
   if (askFacts) task.set(u"facts", LMValue(true));
   return task;
+}
+
+// 2,000 lines of 99 characters whose font size changes at every character:
+// a run of attributes per character.
+std::string fontChangingLines() {
+  std::string content;
+  for (int line = 0; line < 2000; ++line) {
+    content += "BT 1 0 0 1 20 " + std::to_string(830 - line * 0.4) + " Tm";
+    for (int c = 0; c < 99; ++c) content += c % 2 ? " /F1 0.3 Tf (a) Tj" : " /F1 0.31 Tf (a) Tj";
+    content += " ET\n";
+  }
+  return content;
 }
 
 struct Shape {
@@ -71,6 +85,8 @@ const std::vector<Shape>& shapes() {
          return lmGeneratedPdf(
              std::vector<std::string>(n, lmGeneratedLines(99990, "a", 0.005, 0.008)));
        }},
+      {"font-changes", "pages of 200,000 characters, each in a font size of its own", 2,
+       [](int64_t n) { return lmGeneratedPdf(std::vector<std::string>(n, fontChangingLines())); }},
   };
   return all;
 }
@@ -145,20 +161,28 @@ void measure(const Shape& shape, int64_t size) {
 int main(int argc, char** argv) {
   std::printf("%-13s %9s %9s %10s %10s %10s  %s\n", "shape", "size", "time", "peak",
               "service", "reply", "outcome");
-  std::vector<std::string> names;
+  std::vector<std::pair<std::string, int64_t>> wanted;  // size 0: the three sizes
   for (int i = 1; i < argc; ++i) {
     if (std::string(argv[i]) == "--facts") {
       askFacts = true;
     } else {
-      names.emplace_back(argv[i]);
+      const std::string arg = argv[i];
+      const size_t equals = arg.find('=');
+      wanted.emplace_back(arg.substr(0, equals),
+                          equals == std::string::npos ? 0 : std::atoll(arg.c_str() + equals + 1));
     }
   }
   for (const Shape& shape : shapes()) {
-    bool wanted = names.empty();
-    for (const std::string& name : names) wanted = wanted || shape.name == name;
-    if (!wanted) continue;
+    std::vector<int64_t> sizes;
+    if (wanted.empty()) sizes = {shape.base, 2 * shape.base, 4 * shape.base};
+    for (const auto& [name, size] : wanted) {
+      if (name != shape.name) continue;
+      if (size > 0) sizes.push_back(size);
+      else sizes.insert(sizes.end(), {shape.base, 2 * shape.base, 4 * shape.base});
+    }
+    if (sizes.empty()) continue;
     std::printf("# %s: size = %s\n", shape.name, shape.unit);
-    for (int64_t factor : {1, 2, 4}) measure(shape, shape.base * factor);
+    for (int64_t size : sizes) measure(shape, size);
   }
   return 0;
 }
