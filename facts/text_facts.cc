@@ -52,15 +52,34 @@ void setAmount(LMFacts& facts, const char16_t* field, std::optional<LMDecimal>& 
   facts.evidence.set(field, std::move(evidence));
 }
 
+// Whether an amount of the first page stands on the row of `box`.
+bool amountOnRow(const LMReceiptParser& parser, const LMTextLayout& layout, const LMRect& box) {
+  auto onRow = [&](const LMFoundNumber& n) { return n.page() == 0 && lmSameRow(n.bbox().standardized(), box); };
+  if (parser.numbers()) {
+    for (const auto& n : *parser.numbers()) {
+      if (n && onRow(*n)) return true;
+    }
+  }
+  for (const auto& n : layout.extraAmounts()) {
+    if (onRow(*n)) return true;
+  }
+  return false;
+}
+
 // Credit note: a credit note's title in the upper half of the first page
 // (lower, "refund" and "avoir" are as likely the terms' words), or a total
-// printed negative. "Gutschrift" alone titles a self-billed invoice.
-bool isCreditNote(const LMTextLayout& layout, const LMAmountChoice& amounts) {
+// printed negative. "Gutschrift" alone titles a self-billed invoice. The
+// words that also name a line's content ("refund", "Storno", "Erstattung")
+// count only where no amount stands on their row: there they describe an
+// item, not the document.
+bool isCreditNote(const LMReceiptParser& parser, const LMTextLayout& layout, const LMAmountChoice& amounts) {
   if (amounts.gross && amounts.gross->negative) return true;
   const LMRect page = layout.pageBox(0);
   for (const LMLabelHit& hit : layout.labels()) {
     if (hit.label->role != LMLabelRole::kCreditNote || hit.label->weight < 0.8 || hit.page != 0) continue;
-    if (hit.box.y >= page.y + page.height / 2) return true;
+    if (hit.box.y < page.y + page.height / 2) continue;
+    if (hit.label->weight < 1.0 && amountOnRow(parser, layout, hit.box)) continue;
+    return true;
   }
   return false;
 }
@@ -187,7 +206,7 @@ LMFacts lmTextFacts(const LMReceiptParser& parser, const LMTextFactsOptions& opt
   facts.source = u"text";
   const LMTextLayout layout(parser);
   const LMAmountChoice amounts = lmChooseAmounts(parser, layout, options.rates);
-  const bool credit = isCreditNote(layout, amounts);
+  const bool credit = isCreditNote(parser, layout, amounts);
   if (credit) {
     facts.kind = u"credit-note";
   } else if (layout.roleWeight(LMLabelRole::kReceipt) >= 1.0) {

@@ -170,6 +170,17 @@ TEST(TextFactsTest, CreditNotesAndSelfBilling) {
         {u"VAT 20%     £ 10.00", 350, 385}, {u"Total       £ 60.00", 350, 370},
         {u"No refund after 30 days.", 60, 100}},
        "60", "50", "10", "GBP", "2024-03-03"},
+      // A word that titles refunds also names items: on an amount's row it
+      // is the item's.
+      {"refund as the title",
+       {{u"REFUND", 60, 780}, {u"Date: 2024-03-03", 300, 740}, {u"Net total   £ 50.00", 350, 400},
+        {u"VAT 20%     £ 10.00", 350, 385}, {u"Total       £ 60.00", 350, 370}},
+       "-60", "-50", "-10", "GBP", "2024-03-03", "credit-note"},
+      {"refund on an item's row",
+       {{u"Invoice 12   Date: 2024-03-03", 60, 780}, {u"Postage refund    -5,00   1   £ 5.00", 60, 600},
+        {u"Net total   £ 50.00", 350, 400}, {u"VAT 20%     £ 10.00", 350, 385},
+        {u"Total       £ 60.00", 350, 370}},
+       "60", "50", "10", "GBP", "2024-03-03"},
       // "Gutschrift" titles a self-billed invoice: positive.
       {"self-billed",
        {{u"Gutschrift Nr. 5", 60, 780}, {u"Datum: 04.03.2024", 300, 740}, {u"Nettobetrag   200,00 €", 350, 400},
