@@ -1,20 +1,15 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <fstream>
 #include <functional>
-#include <iterator>
 
 #include "elements/found_number.h"
 #include "service/archive_test_util.h"
+#include "service/service_test_harness.h"
 
 namespace {
 
-std::vector<uint8_t> fixture(const std::string& name) {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/archives/" + name, std::ios::binary);
-  EXPECT_TRUE(in) << name;
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+std::vector<uint8_t> fixture(const std::string& name) { return lm_test::fixture("archives/" + name); }
 
 TEST(ArchiveDecoderTest, ReadsArchivesOfThePlatformsArchiver) {
   const LMValue hello = u"Hello, World!";
@@ -145,12 +140,7 @@ TEST(ArchiveDecoderTest, ReadsWhatOtherArchiversWrite) {
   }
 
   // A lone surrogate in a UTF-16 text reads as U+FFFD, one unit for one.
-  std::vector<uint8_t> lone = serialize(u"\u00E9\uFFFDx");
-  const std::vector<uint8_t> replacement{0xFF, 0xFD};
-  auto at = std::search(lone.begin(), lone.end(), replacement.begin(), replacement.end());
-  ASSERT_NE(at, lone.end());
-  at[0] = 0xD8;
-  at[1] = 0x00;
+  const auto lone = withBytesReplaced(serialize(u"\u00E9\uFFFDx"), {0xFF, 0xFD}, {0xD8, 0x00});
   EXPECT_EQ(LMValue(u"\u00E9\uFFFDx"), unserialize(lone));
 
   // Elements: a subclass, rectangles inline, by reference and malformed.
@@ -168,14 +158,6 @@ TEST(ArchiveDecoderTest, ReadsWhatOtherArchiversWrite) {
   EXPECT_EQ((LMRect{0, 0, 595, 842}), element->pageBox());
   EXPECT_EQ((LMRect{10, 20, 30, 40}), element->bbox());
   EXPECT_EQ(0, element->page());
-}
-
-// `bytes` with the last byte of the first occurrence of `pattern` set to 0.
-std::vector<uint8_t> withZeroAfter(std::vector<uint8_t> bytes,
-                                   const std::vector<uint8_t>& pattern) {
-  auto at = std::search(bytes.begin(), bytes.end(), pattern.begin(), pattern.end());
-  if (at != bytes.end()) at[pattern.size() - 1] = 0;
-  return bytes;
 }
 
 TEST(ArchiveDecoderTest, RefusesMalformedArchives) {
@@ -279,10 +261,10 @@ TEST(ArchiveDecoderTest, RefusesMalformedArchives) {
        },
        "other than dictionaries"},
       {"ASCII text holding U+0000",
-       [](RawArchive&) { return withZeroAfter(serialize(u"aXb"), {'X'}); }, "holds U+0000"},
+       [](RawArchive&) { return withBytesReplaced(serialize(u"aXb"), {'X'}, {0}); }, "holds U+0000"},
       {"UTF-16 text holding U+0000",
        [](RawArchive&) {
-         return withZeroAfter(serialize(u"éX"), {0, 'X'});
+         return withBytesReplaced(serialize(u"éX"), {0, 'X'}, {0, 0});
        },
        "holds U+0000"},
       {"unsupported object type", [](RawArchive& r) { return r.bytes(r.add(plist_new_array())); },

@@ -46,7 +46,10 @@ TEST_F(ServiceProcessTest, BadRequestsGetErrorRepliesAndTheServiceGoesOn) {
        u"Request too large", "Request too large"},
       {"payload no archive", frame(12, bytesOf("bplist00\xff\xff\xff\xff")), false,
        u"Unreadable request: not a binary property list", "Refused request: Unreadable request"},
-      {"U+0000 in the currency", withZeroFor("EUXR", 'X', requestFrame(LMDictionary{{u"data", LMData{1}}, {u"currency", u"EUXR"}})),
+      // This system's archiver never writes U+0000, other clients may.
+      {"U+0000 in the currency",
+       withBytesReplaced(requestFrame(LMDictionary{{u"data", LMData{1}}, {u"currency", u"EUXR"}}),
+                         {'U', 'X', 'R'}, {'U', 0, 'R'}),
        false, u"Unreadable request: a property-list text holds U+0000", "holds U+0000"},
       {"archived array", requestFrame(LMArray{u"data", LMData{1, 2}}), false, u"data required",
        "data required"},
