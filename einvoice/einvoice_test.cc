@@ -163,7 +163,6 @@ TEST(EInvoiceTest, HostileOrBrokenXmlGivesAReason) {
   } cases[] = {
       {"empty", "", "not XML", ""},
       {"not XML", "%PDF-1.7 \x01\x02", "not XML", ""},
-      {"unclosed", cii.substr(0, cii.size() / 2), "not XML", ""},
       {"entities", testFile("hostile-entities.xml"), "not accepted: a document type", ""},
       {"draft namespace", testFile("hostile-draft-namespace.xml"),
        "unsupported syntax: urn:un:unece:uncefact:data:draft:CrossIndustryInvoice:1 Invoice", ""},
@@ -181,9 +180,6 @@ TEST(EInvoiceTest, HostileOrBrokenXmlGivesAReason) {
        "unreadable total: gross \"12,50\"", ""},
       {"gross of 20 digits",
        replaced(cii, gross, "<ram:GrandTotalAmount>12345678901234567890</ram:GrandTotalAmount>"),
-       "unreadable total: gross", ""},
-      {"gross in float notation",
-       replaced(cii, gross, "<ram:GrandTotalAmount>2.7365e2</ram:GrandTotalAmount>"),
        "unreadable total: gross", ""},
       {"net two points", replaced(cii, ">235.00<", ">2.35.00<"), "unreadable total: net", ""},
       {"no currency", replaced(ubl, "<cbc:DocumentCurrencyCode>EUR</cbc:DocumentCurrencyCode>", ""),
