@@ -2,11 +2,16 @@
 // time limits it keeps, hang-ups, stopping and the idle exit.
 #include "service/server.h"
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <condition_variable>
 #include <future>
+#include <thread>
 
 #include "kit/test_support.h"
 #include "service/service_test_harness.h"
+#include "service/transport.h"
 
 namespace {
 

@@ -2,7 +2,12 @@
 #include "service/transport.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <future>
 
