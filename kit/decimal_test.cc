@@ -52,31 +52,6 @@ TEST(DecimalTest, RejectsMalformedText) {
   }
 }
 
-TEST(DecimalTest, KeepsValuesCompact) {
-  const struct {
-    LMDecimal value;
-    uint64_t mantissa;
-    int exponent;
-    bool negative;
-  } cases[] = {
-      {dec("12.50"), 125, -1, false},
-      {dec("100"), 1, 2, false},
-      {dec("-0.0"), 0, 0, false},
-      {LMDecimal::fromParts(12500, -3, true), 125, -1, true},
-      {LMDecimal::fromParts(0, 50, true), 0, 0, false},
-      {dec("1e128"), 10, 127, false},
-      {LMDecimal::notANumber(), 0, 0, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.value.stringValue());
-    EXPECT_TRUE(c.value.mantissa() == c.mantissa);
-    EXPECT_EQ(c.value.exponent(), c.exponent);
-    EXPECT_EQ(c.value.isNegative(), c.negative);
-  }
-  EXPECT_EQ(LMDecimal(), LMDecimal::zero());
-  EXPECT_EQ((-LMDecimal::zero()).isNegative(), false);
-}
-
 TEST(DecimalTest, ExponentRangeOverflowsToNaNAndUnderflowsToZero) {
   const LMDecimal largest = LMDecimal::fromParts(dec(k38Nines).mantissa(), 127, false);
   EXPECT_FALSE(largest.isNaN());

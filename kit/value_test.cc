@@ -224,6 +224,10 @@ TEST(ValueTest, EqualityIsDeepAndNumbersCompareByValue) {
   EXPECT_EQ(LMValue(LMDecimal::fromInt(5)), LMValue(5));
   EXPECT_FALSE(LMValue(u"1") == LMValue(1));
   EXPECT_FALSE(LMValue() == LMValue::null());
+  // Attributed strings made apart compare by text and runs.
+  const LMAttributedString text{u"ab", {{LMTextRange::make(0, 1), LMDictionary{{u"b", true}}}}};
+  EXPECT_EQ(LMValue(text), LMValue(LMAttributedString(text)));
+  EXPECT_FALSE(LMValue(text) == LMValue(LMAttributedString{u"ab", {}}));
 }
 
 }  // namespace

@@ -24,10 +24,7 @@ TEST(ArchiveEncoderTest, RefusesTreesItCannotArchive) {
   } cases[] = {
       {"nil in an array", LMArray{1, LMValue()}, "nil inside an array"},
       {"nil in a dictionary", LMDictionary{{u"k", LMValue()}}, "nil inside a dictionary"},
-      {"nil in attributes", LMAttributedString{u"ab", {run(0, 2, {{u"k", LMValue()}})}},
-       "nil inside a dictionary"},
       {"overlapping runs", LMAttributedString{u"abc", {run(0, 2, {}), run(1, 2, {})}}, "overlap"},
-      {"runs backwards", LMAttributedString{u"abc", {run(2, 1, {}), run(0, 1, {})}}, "overlap"},
       {"run past the end", LMAttributedString{u"abc", {run(2, 2, {})}}, "end of their text"},
       {"run not found", LMAttributedString{u"abc", {run(kLMNotFound, 1, {})}}, "end of their text"},
       {"foreign object", LMValue(std::make_shared<Stranger>()),

@@ -148,6 +148,17 @@ inline std::string dump(const LMValue& v, bool sortKeys = false) {
   }
 }
 
+// `bytes` with the first `pattern` in them replaced by `replacement` of the
+// same length: for input this system's writer never makes.
+inline std::vector<uint8_t> withBytesReplaced(std::vector<uint8_t> bytes,
+                                              const std::vector<uint8_t>& pattern,
+                                              const std::vector<uint8_t>& replacement) {
+  const auto at = std::search(bytes.begin(), bytes.end(), pattern.begin(), pattern.end());
+  EXPECT_NE(bytes.end(), at);
+  if (at != bytes.end()) std::copy(replacement.begin(), replacement.end(), at);
+  return bytes;
+}
+
 inline LMDecimal dec(const char* text) { return LMDecimal::fromString(std::string_view(text)).value(); }
 
 inline LMAttributeRun run(uint64_t location, uint64_t length, LMDictionary attributes) {

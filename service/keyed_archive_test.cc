@@ -1,13 +1,11 @@
 #include "service/keyed_archive.h"
 
 #include <gtest/gtest.h>
-#include <plist/plist.h>
 
 #include <limits>
 
 #include "elements/found_date.h"
 #include "elements/found_number.h"
-#include "elements/found_term.h"
 #include "service/archive_test_util.h"
 
 // The archive's layout as other readers see it (class chains, decimal and
@@ -25,7 +23,6 @@ TEST(KeyedArchiveTest, RoundTripsEveryKindOfValueExactly) {
       -1,
       std::numeric_limits<int64_t>::min(),
       std::numeric_limits<int64_t>::max(),
-      int64_t{1} << 40,
       0.1,
       -0.0,
       1e300,
@@ -71,7 +68,6 @@ TEST(KeyedArchiveTest, AttributedStringsComeBackRunByRun) {
       {"empty", {u"", {}}, {}},
       {"no runs", {u"Summe", {}}, {}},
       {"one run over all", {u"Summe", {run(0, 5, a)}}, {run(0, 5, a)}},
-      {"two runs", {u"Summe 12,50", {run(0, 6, a), run(6, 5, b)}}, {run(0, 6, a), run(6, 5, b)}},
       {"equal neighbours stay apart",
        {u"abcd", {run(0, 2, a), run(2, 2, a)}},
        {run(0, 2, a), run(2, 2, a)}},
@@ -124,8 +120,8 @@ TEST(KeyedArchiveTest, ElementsKeepTheirArchivedPropertiesOnly) {
   EXPECT_EQ(dump(number->userInfo()), dump(back->userInfo()));
   EXPECT_EQ(number->numberString(), back->numberString());
   EXPECT_EQ(number->debugInfo(), back->debugInfo());
-  // Not archived.
-  EXPECT_EQ(0u, back->decimalPlaces());
+  // Not archived; nor are the decimal places or a term's information, which
+  // the interop test checks.
   EXPECT_EQ(LMTextRange(), back->range());
   EXPECT_FALSE(back->isOcr() || back->bold() || back->currencyCode());
   EXPECT_EQ(0, back->sortWeight());
@@ -137,39 +133,14 @@ TEST(KeyedArchiveTest, ElementsKeepTheirArchivedPropertiesOnly) {
   ASSERT_TRUE(dateBack);
   EXPECT_EQ(date->date(), dateBack->date());
   EXPECT_EQ(date->dateString(), dateBack->dateString());
-
-  auto term = std::make_shared<LMFoundTerm>();
-  term->setTermInfo(LMValue(u"table entry"));
-  auto termBack = roundTrip(term).objectAs<LMFoundTerm>();
-  ASSERT_TRUE(termBack);
-  EXPECT_TRUE(termBack->termInfo().isNil());
 }
 
-size_t countOfClass(const std::vector<uint8_t>& bytes, const char* className) {
-  plist_t top = nullptr;
-  plist_from_bin(reinterpret_cast<const char*>(bytes.data()), bytes.size(), &top);
-  PlistPtr owner(top, &plist_free);
-  plist_t objects = plist_dict_get_item(top, "$objects");
-  size_t n = 0;
-  for (uint32_t i = 0; i < plist_array_get_size(objects); ++i) {
-    plist_t object = plist_array_get_item(objects, i);
-    plist_t ref =
-        plist_get_node_type(object) == PLIST_DICT ? plist_dict_get_item(object, "$class") : nullptr;
-    uint64_t uid = 0;
-    if (ref) plist_get_uid_val(ref, &uid);
-    plist_t name =
-        ref ? plist_dict_get_item(plist_array_get_item(objects, uid), "$classname") : nullptr;
-    if (name && plist_string_val_compare(name, className) == 0) ++n;
-  }
-  return n;
-}
-
-TEST(KeyedArchiveTest, WritesSharedElementsOnceAndReadsThemShared) {
+// That a shared element is written once is the interop test's.
+TEST(KeyedArchiveTest, SharedElementsAreReadShared) {
   auto shared = std::make_shared<LMFoundNumber>(1250, 2);
   auto other = std::make_shared<LMFoundNumber>(700, 2);
   const std::vector<uint8_t> bytes =
       serialize(LMDictionary{{u"numbers", LMArray{shared, other}}, {u"gross", shared}});
-  EXPECT_EQ(2u, countOfClass(bytes, "LMFoundNumber"));
   const LMValue decoded = unserialize(bytes);
   const LMArray* numbers = decoded.at(u"numbers").asArray();
   ASSERT_TRUE(numbers && numbers->size() == 2);

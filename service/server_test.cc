@@ -3,18 +3,14 @@
 #include "service/server.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <condition_variable>
-#include <cstring>
-#include <filesystem>
 #include <future>
 #include <thread>
 
-#include "kit/diagnostics.h"
-#include "kit/unicode.h"
+#include "kit/test_support.h"
+#include "service/service_test_harness.h"
 #include "service/transport.h"
 
 namespace {
@@ -59,26 +55,15 @@ class GateWorker : public LMXPCBaseWorker {
   Gate& gate_;
 };
 
-class ServerTest : public testing::Test {
+// The harness gives the test a private XDG_RUNTIME_DIR.
+class ServerTest : public lm_test::ServiceHarness {
  protected:
-  void SetUp() override {
-    lmSetLogSink([](std::string_view) {});
-    char pattern[] = "/tmp/lmreceipt-test-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir_ = pattern;
-    const char* saved = std::getenv("XDG_RUNTIME_DIR");
-    savedRuntime_ = saved ? std::optional<std::string>(saved) : std::nullopt;
-    setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
-  }
   void TearDown() override {
     openGate();
     if (server_) server_->stop();
     if (served_.valid()) served_.wait();
     server_.reset();
-    if (savedRuntime_) setenv("XDG_RUNTIME_DIR", savedRuntime_->c_str(), 1);
-    else unsetenv("XDG_RUNTIME_DIR");
-    std::filesystem::remove_all(dir_);
-    lmSetLogSink({});
+    ServiceHarness::TearDown();
   }
 
   void start(LMServerOptions options) {
@@ -102,17 +87,9 @@ class ServerTest : public testing::Test {
     std::unique_lock<std::mutex> lock(gate_.mutex);
     return gate_.changed.wait_for(lock, kPatience, [&] { return gate_.running == count; });
   }
-  int connect() {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
-    EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    return fd;
-  }
   // Sends an empty request on a new connection.
   int call() {
-    const int fd = connect();
+    const int fd = lm_test::connectTo(path_);
     const auto header = lmFrameHeader(kLMFrameRequest, 0);
     EXPECT_EQ(16, write(fd, header.data(), header.size()));
     return fd;
@@ -128,8 +105,7 @@ class ServerTest : public testing::Test {
     return error ? error->message : u"malformed error";
   }
 
-  std::string dir_;
-  std::optional<std::string> savedRuntime_;
+  LMLogCapture log_;
   Gate gate_;
   LMListener listener_;
   std::unique_ptr<LMServer> server_;
@@ -241,7 +217,7 @@ TEST_F(ServerTest, StuckClientIsCutOffAndIdleServerLeaves) {
   options.requestTimeout = 200ms;
   options.idleTimeout = 500ms;
   start(options);
-  const int fd = connect();
+  const int fd = lm_test::connectTo(path_);
   ASSERT_EQ(5, write(fd, "LMXP\x01", 5));
   EXPECT_EQ(u"Request timed out", reply(fd));
 

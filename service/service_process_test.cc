@@ -1,5 +1,6 @@
-// The real service executable over its real socket: bad input, clients that
-// vanish, parallel load, one instance per socket and socket activation.
+// The real service executable over its real socket: bad input, parallel
+// load, one instance per socket and socket activation. Clients that hang up
+// are left to the server's and the transport's tests.
 // Replies are read to the end and must be exactly one frame.
 #include <sys/file.h>
 
@@ -44,17 +45,13 @@ TEST_F(ServiceProcessTest, BadRequestsGetErrorRepliesAndTheServiceGoesOn) {
        "Request too large (4294967296 bytes announced)"},
       {"one byte above the limit", frame(kLMMaxFrameBytes + 1, Bytes(4096, 'x')), false,
        u"Request too large", "Request too large"},
-      {"payload no archive", frame(12, bytesOf("bplist00\xff\xff\xff\xff")), false,
-       u"Unreadable request: not a binary property list", "Refused request: Unreadable request"},
-      {"U+0000 in the currency", withZeroFor("EUXR", 'X', requestFrame(LMDictionary{{u"data", LMData{1}}, {u"currency", u"EUXR"}})),
+      // This system's archiver never writes U+0000, other clients may.
+      {"U+0000 in the currency",
+       withBytesReplaced(requestFrame(LMDictionary{{u"data", LMData{1}}, {u"currency", u"EUXR"}}),
+                         {'U', 'X', 'R'}, {'U', 0, 'R'}),
        false, u"Unreadable request: a property-list text holds U+0000", "holds U+0000"},
       {"archived array", requestFrame(LMArray{u"data", LMData{1, 2}}), false, u"data required",
        "data required"},
-      {"archived string", requestFrame(LMValue(u"data")), false, u"data required", "data required"},
-      {"data as text", requestFrame(LMDictionary{{u"data", u"%PDF-1.4"}}), false,
-       u"data must be the bytes of a PDF file", "data must be the bytes of a PDF file"},
-      {"garbage PDF", requestFrame(LMDictionary{{u"data", fixture("pdf/garbage.pdf")}}), false,
-       u"Could not open document", "Could not open document"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -66,39 +63,6 @@ TEST_F(ServiceProcessTest, BadRequestsGetErrorRepliesAndTheServiceGoesOn) {
     EXPECT_EQ(u"com.brightmoor.error", reply.domain);
     EXPECT_EQ(101, reply.code);
     EXPECT_TRUE(waitForLog(c.logged, logBefore)) << log().substr(logBefore);
-    expectServing(socketPath_);
-    ASSERT_TRUE(alive(pid_));
-  }
-}
-
-TEST_F(ServiceProcessTest, ClientsThatVanishDoNotHurtTheService) {
-  struct Case {
-    const char* name;
-    Bytes bytes;
-    std::string logged;  // empty: nothing to note
-    bool refusesReply = false;
-  } cases[] = {
-      {"connects and leaves", {}, ""},
-      {"leaves inside the header", bytesOf("LMXP\x01\0\0\0"), "Incomplete request"},
-      {"leaves inside the payload", frame(100000, Bytes(5000, 'x')), "Incomplete request"},
-      // It stops receiving first: on a busy machine the reply could otherwise
-      // arrive before the client has closed.
-      {"leaves before the reply", requestFrame(LMDictionary{{u"data", fixture("sample-receipt.pdf")}}),
-       "!!! ", true},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const size_t logBefore = log().size();
-    const int fd = connectTo(socketPath_);
-    ASSERT_GE(fd, 0);
-    if (c.refusesReply) {
-      ASSERT_EQ(0, shutdown(fd, SHUT_RD));
-    }
-    ASSERT_EQ(static_cast<ssize_t>(c.bytes.size()), send(fd, c.bytes.data(), c.bytes.size(), MSG_NOSIGNAL));
-    close(fd);
-    if (!c.logged.empty()) {
-      EXPECT_TRUE(waitForLog(c.logged, logBefore)) << log().substr(logBefore);
-    }
     expectServing(socketPath_);
     ASSERT_TRUE(alive(pid_));
   }
@@ -187,18 +151,13 @@ TEST_F(ServiceProcessTest, ParallelClientsEachGetTheirOwnReply) {
   EXPECT_LE(afterKb, idleKb + kMarginKb) << "idle " << idleKb << " kB";
 }
 
-TEST_F(ServiceProcessTest, SocketIsPrivateAndGoesAwayOnTerm) {
+// What SIGTERM does to the socket is checked under the limits, where the
+// signal also comes during a call.
+TEST_F(ServiceProcessTest, SocketIsPrivate) {
   struct stat st {};
   ASSERT_EQ(0, stat(socketPath_.c_str(), &st));
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
   EXPECT_EQ(0600u, st.st_mode & 0777);
-  // The socket exists before the server logs its start: wait for the line.
-  EXPECT_TRUE(waitForLog("Started Worker"));
-
-  const int status = waitForExit(pid_, true);
-  pids_.clear();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_NE(0, access(socketPath_.c_str(), F_OK));
 }
 
 using ServiceStartTest = ServiceHarness;

@@ -22,7 +22,9 @@
 #include <thread>
 #include <vector>
 
+#include "document/generated_pdf_test_util.h"
 #include "kit/unicode.h"
+#include "service/archive_test_util.h"
 #include "service/keyed_archive.h"
 #include "service/transport.h"
 
@@ -71,15 +73,6 @@ inline Bytes requestFrame(const LMValue& task) {
   auto archived = lxDataSerialize(task);
   EXPECT_TRUE(archived);
   return frame(archived ? archived->size() : 0, archived.value_or(Bytes()));
-}
-
-// `bytes` with the text `text` made to hold U+0000 in place of its `unit`:
-// this system's archiver never writes that, other clients may.
-inline Bytes withZeroFor(std::string_view text, char unit, Bytes bytes) {
-  const auto at = std::search(bytes.begin(), bytes.end(), text.begin(), text.end());
-  EXPECT_NE(bytes.end(), at);
-  if (at != bytes.end()) at[static_cast<ptrdiff_t>(text.find(unit))] = 0;
-  return bytes;
 }
 
 struct Reply {
@@ -188,10 +181,20 @@ class ServiceHarness : public testing::Test {
     ASSERT_NE(nullptr, mkdtemp(pattern));
     dir_ = pattern;
     socketPath_ = dir_ + "/lmreceipt-service.sock";
+    // Clients and servers in this process use the folder too.
+    for (const char* name : {"XDG_RUNTIME_DIR", "LM_SERVICE_DIR"}) {
+      const char* value = std::getenv(name);
+      savedEnvironment_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+    }
+    setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
   }
 
   void TearDown() override {
     for (pid_t pid : pids_) waitForExit(pid, true);
+    for (const auto& [name, value] : savedEnvironment_) {
+      if (value) setenv(name.c_str(), value->c_str(), 1); else unsetenv(name.c_str());
+    }
+    savedEnvironment_.clear();
     std::filesystem::remove_all(dir_);
   }
 
@@ -268,42 +271,15 @@ class ServiceHarness : public testing::Test {
   std::string dir_;
   std::string socketPath_;
   std::vector<pid_t> pids_;
+  std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
 };
 
 
 // A PDF of `pages` pages full of amounts and dates: slow to analyse (about
 // a second per 100-200 pages here), small to send.
 inline Bytes slowPdf(int pages) {
-  std::string content;
-  for (int i = 0; i < 45; ++i) {
-    content += "BT /F1 9 Tf 40 " + std::to_string(800 - 17 * i) + " Td (Position " +
-               std::to_string(i) + " Betrag " + std::to_string(i + 10) + "," +
-               std::to_string(10 + i % 90) + " EUR MwSt 19% am 0" + std::to_string(i % 9 + 1) +
-               ".0" + std::to_string(i % 9 + 1) + ".2026 Summe) Tj ET\n";
-  }
-  std::vector<std::string> objects = {"<< /Type /Catalog /Pages 2 0 R >>", "",
-                                      "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
-                                      "<< /Length " + std::to_string(content.size()) +
-                                          " >>\nstream\n" + content + "endstream"};
-  std::string kids;
-  for (int i = 0; i < pages; ++i) {
-    kids += std::to_string(5 + i) + " 0 R ";
-    objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] /Resources << /Font "
-                      "<< /F1 3 0 R >> >> /Contents 4 0 R >>");
-  }
-  objects[1] = "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages) + " >>";
-  std::string pdf = "%PDF-1.4\n", table;
-  for (size_t i = 0; i < objects.size(); ++i) {
-    char entry[32];
-    std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", pdf.size());
-    table += entry;
-    pdf += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-  }
-  const size_t xref = pdf.size();
-  pdf += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n" + table +
-         "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root 1 0 R >>\nstartxref\n" +
-         std::to_string(xref) + "\n%%EOF\n";
-  return Bytes(pdf.begin(), pdf.end());
+  const char* line = "Position 7 Betrag 17,27 EUR MwSt 19% am 07.07.2026 Summe";
+  return lmGeneratedPdf({lmGeneratedLines(45, line, 9, 17)}, pages);
 }
 
 }  // namespace lm_test

@@ -1,26 +1,19 @@
 // Socket paths, frames, and the client starting the real service on demand.
 #include "service/transport.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <condition_variable>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <future>
-#include <thread>
 
-#include "kit/diagnostics.h"
+#include "kit/test_support.h"
 #include "service/keyed_archive.h"
+#include "service/service_test_harness.h"
 
 namespace {
 
@@ -29,40 +22,11 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr auto kPatience = 20s;
 
-// A private temporary folder as XDG_RUNTIME_DIR, restored afterwards.
-class RuntimeFolder : public testing::Test {
+// The harness gives each test a private XDG_RUNTIME_DIR, restored afterwards.
+class RuntimeFolder : public lm_test::ServiceHarness {
  protected:
-  void SetUp() override {
-    lmSetLogSink([](std::string_view) {});
-    for (const char* name : {"XDG_RUNTIME_DIR", "LM_SERVICE_DIR"}) {
-      const char* value = std::getenv(name);
-      saved_.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
-    }
-    char pattern[] = "/tmp/lmreceipt-test-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir_ = pattern;
-    setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
-  }
-  void TearDown() override {
-    for (const auto& [name, value] : saved_) {
-      if (value) setenv(name.c_str(), value->c_str(), 1); else unsetenv(name.c_str());
-    }
-    std::filesystem::remove_all(dir_);
-    lmSetLogSink({});
-  }
-  std::string dir_;
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+  LMLogCapture log_;
 };
-
-int connectTo(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-  close(fd);
-  return -1;
-}
 
 using TransportTest = RuntimeFolder;
 
@@ -144,7 +108,7 @@ class ClientTest : public RuntimeFolder {
     setenv("LM_SERVICE_DIR", executable.substr(0, executable.rfind('/')).c_str(), 1);
   }
   void TearDown() override {
-    const int fd = connectTo(dir_ + "/lmreceipt-service.sock");
+    const int fd = lm_test::connectTo(dir_ + "/lmreceipt-service.sock");
     ucred peer{};
     socklen_t size = sizeof peer;
     if (fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
@@ -170,19 +134,13 @@ TEST_F(ClientTest, CallsStartTheServiceOnce) {
     ASSERT_FALSE(reply->error);
     EXPECT_EQ(LMValue(LMDictionary{{u"boot", u"success"}}), lxDataUnserialize(reply->bytes));
   }
-  std::ifstream log(dir_ + "/lmreceipt-service.log");
-  const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+  const Bytes log = lm_test::fileBytes(dir_ + "/lmreceipt-service.log");
+  const std::string text(log.begin(), log.end());
   size_t starts = 0;
   for (size_t at = text.find("Started Worker"); at != std::string::npos; at = text.find("Started Worker", at + 1)) {
     ++starts;
   }
   EXPECT_EQ(1u, starts) << text;
-
-  auto error = lmServiceCall("lmreceipt-service", {});
-  ASSERT_TRUE(error && error->error);
-  EXPECT_EQ(u"data required", error->error->message);
-  EXPECT_EQ(u"com.brightmoor.error", error->error->domain);
-  EXPECT_EQ(101, error->error->code);
 }
 
 TEST_F(ClientTest, CallFailsWhenTheServiceCannotStart) {
