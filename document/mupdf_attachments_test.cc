@@ -204,22 +204,4 @@ TEST(PdfAttachmentsTest, BrokenOrAbsentFilesAreSkippedOrSaySo) {
   EXPECT_TRUE(LMFakePdfSource().attachments().empty());
 }
 
-TEST(PdfAttachmentsTest, EmbeddedTestInvoicesGiveTheirTotals) {
-  const char* names[] = {"ubl-invoice.xml", "ubl-creditnote.xml", "cii-allowances.xml",
-                         "cii-exempt.xml",  "cii-tax-currency.xml", "cii10-comfort.xml",
-                         "cii-minimum.xml"};
-  for (const char* name : names) {
-    SCOPED_TRACE(name);
-    const std::string xml = einvoiceFile(name);
-    LMEInvoiceReading direct = lmReadEInvoice({reinterpret_cast<const uint8_t*>(xml.data()), xml.size()});
-    LMEInvoiceSelection s = select(attachmentsOf(PdfWithFiles::make(
-        {{"invoice.xml", xml, "text#2Fxml", "Alternative", true, true, false, true}})));
-    ASSERT_TRUE(s.reading.invoice);
-    EXPECT_EQ(direct.invoice->gross->value, s.reading.invoice->gross->value);
-    EXPECT_EQ(direct.invoice->net->value, s.reading.invoice->net->value);
-    EXPECT_EQ(direct.invoice->tax->value, s.reading.invoice->tax->value);
-    EXPECT_EQ(direct.invoice->issueDate, s.reading.invoice->issueDate);
-  }
-}
-
 }  // namespace
