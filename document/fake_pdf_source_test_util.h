@@ -21,10 +21,11 @@ class LMFakePdfSourcePage : public LMPdfSourcePage {
     LMRect bounds;
   };
   // string() is the lines' texts joined with "\n"; each line's range is its
-  // place in that text.
-  static std::shared_ptr<LMFakePdfSourcePage> withLines(const std::vector<Line>& lines,
-                                                  LMRect mediaBox = {0, 0, 595, 842}) {
-    auto page = std::make_shared<LMFakePdfSourcePage>();
+  // place in that text. `Page` may be a subclass that answers differently.
+  template <typename Page = LMFakePdfSourcePage>
+  static std::shared_ptr<Page> withLines(const std::vector<Line>& lines,
+                                         LMRect mediaBox = {0, 0, 595, 842}) {
+    auto page = std::make_shared<Page>();
     page->mediaBox_ = mediaBox;
     for (const Line& line : lines) {
       if (!page->string_.empty()) page->string_ += u'\n';
