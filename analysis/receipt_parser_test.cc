@@ -18,12 +18,7 @@ std::unique_ptr<LMReceiptParser> analysed(std::shared_ptr<LMPDFDocument> pdf, LM
   return parser;
 }
 
-std::shared_ptr<LMPDFDocument> sample() {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/sample-receipt.pdf", std::ios::binary);
-  const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                   std::istreambuf_iterator<char>());
-  return LMPDFDocument::initWithData(bytes);
-}
+std::shared_ptr<LMPDFDocument> sample() { return lmOpenFixture("../sample-receipt.pdf"); }
 
 // The gross, tax, currency, date and banks of the sample are checked end to
 // end by tools/lmreceipt_analyze_test.py.
