@@ -18,7 +18,9 @@ std::unique_ptr<LMReceiptParser> analysed(std::shared_ptr<LMPDFDocument> pdf, LM
   return parser;
 }
 
-std::shared_ptr<LMPDFDocument> sample() { return lmOpenFixture("../sample-receipt.pdf"); }
+std::shared_ptr<LMPDFDocument> sample() {
+  return LMPDFDocument::initWithData(lmTestdataBytes("sample-receipt.pdf"));
+}
 
 // The gross, tax, currency, date and banks of the sample are checked end to
 // end by tools/lmreceipt_analyze_test.py.

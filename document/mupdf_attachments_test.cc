@@ -3,8 +3,6 @@
 // size bounds, and the e-invoice chosen among them.
 #include <zlib.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -19,9 +17,8 @@
 namespace {
 
 std::string einvoiceFile(const std::string& name) {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/einvoice/" + name, std::ios::binary);
-  EXPECT_TRUE(in) << name;
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  const std::vector<uint8_t> bytes = lmTestdataBytes("einvoice/" + name);
+  return std::string(bytes.begin(), bytes.end());
 }
 
 std::string deflated(const std::string& data) {
