@@ -19,10 +19,7 @@ std::unique_ptr<LMReceiptParser> analysed(std::shared_ptr<LMPDFDocument> pdf, LM
 }
 
 std::shared_ptr<LMPDFDocument> sample() {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/sample-receipt.pdf", std::ios::binary);
-  const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                   std::istreambuf_iterator<char>());
-  return LMPDFDocument::initWithData(bytes);
+  return LMPDFDocument::initWithData(lmTestdataBytes("sample-receipt.pdf"));
 }
 
 // The gross, tax, currency, date and banks of the sample are checked end to

@@ -21,10 +21,11 @@ class LMFakePdfSourcePage : public LMPdfSourcePage {
     LMRect bounds;
   };
   // string() is the lines' texts joined with "\n"; each line's range is its
-  // place in that text.
-  static std::shared_ptr<LMFakePdfSourcePage> withLines(const std::vector<Line>& lines,
-                                                  LMRect mediaBox = {0, 0, 595, 842}) {
-    auto page = std::make_shared<LMFakePdfSourcePage>();
+  // place in that text. `Page` may be a subclass that answers differently.
+  template <typename Page = LMFakePdfSourcePage>
+  static std::shared_ptr<Page> withLines(const std::vector<Line>& lines,
+                                         LMRect mediaBox = {0, 0, 595, 842}) {
+    auto page = std::make_shared<Page>();
     page->mediaBox_ = mediaBox;
     for (const Line& line : lines) {
       if (!page->string_.empty()) page->string_ += u'\n';
@@ -79,10 +80,13 @@ class LMFakePdfSource : public LMPdfSource {
   mutable int pageRequests_ = 0;
 };
 
+// The bytes of testdata/`name`; none when there is no such file.
+inline std::vector<uint8_t> lmTestdataBytes(const std::string& name) {
+  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/" + name, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
 // testdata/pdf/`name` opened through the adapter; null when unreadable.
 inline std::shared_ptr<LMPDFDocument> lmOpenFixture(const std::string& name) {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/pdf/" + name, std::ios::binary);
-  const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                   std::istreambuf_iterator<char>());
-  return LMPDFDocument::initWithData(bytes);
+  return LMPDFDocument::initWithData(lmTestdataBytes("pdf/" + name));
 }

@@ -150,29 +150,4 @@ TEST(PDFPageTest, OriginalRangeForRangeWalksTheSortedLines) {
   }
 }
 
-TEST(PDFPageFixtureTest, ReadsFixturePages) {
-  struct Case {
-    const char* file;
-    std::u16string text;
-    size_t lines;
-    bool letter, landscape;
-  } cases[] = {
-      {"a4_landscape.pdf", u"Querformat\nSeite 1", 2, true, true},
-      {"us_letter.pdf", u"Invoice 12\nTotal 9.99 USD", 2, false, false},
-      {"amount_row.pdf", u"Gesamtbetrag\n15,30 EUR", 2, true, false},
-      {"nbsp.pdf", u"Summe\nnetto 14,30\nEUR", 1, true, false},
-      {"no_text.pdf", u"", 0, true, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    const auto document = lmOpenFixture(c.file);
-    ASSERT_NE(nullptr, document);
-    const LMPDFPage page(document->pageAtIndex(0), 0);
-    EXPECT_EQ(lmUtf8(c.text), lmUtf8(page.string()));
-    EXPECT_EQ(c.lines, page.lines().size());
-    EXPECT_EQ(c.letter, page.isLetter());
-    EXPECT_EQ(c.landscape, page.isLandscape());
-  }
-}
-
 }  // namespace

@@ -9,12 +9,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "document/fake_pdf_source_test_util.h"
 #include "document/generated_pdf_test_util.h"
 #include "kit/diagnostics.h"
 #include "kit/test_support.h"
@@ -24,14 +24,8 @@ namespace {
 
 using nlohmann::json;
 
-std::vector<uint8_t> readFixture(const std::string& name) {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/" + name, std::ios::binary);
-  EXPECT_TRUE(in) << name;
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
-
 std::shared_ptr<LMPdfSource> openFixture(const std::string& name) {
-  return lmOpenPdfSource(readFixture(name));
+  return lmOpenPdfSource(lmTestdataBytes(name));
 }
 
 const json& descriptions() {
@@ -282,7 +276,7 @@ TEST(PdfSourceTest, CountsUtf16UnitsAndExpandsLigatures) {
 TEST(PdfSourceTest, PagesOutliveTheirFileAndBytes) {
   std::shared_ptr<const LMPdfSourcePage> page;
   {
-    std::vector<uint8_t> bytes = readFixture("pdf/two_pages.pdf");
+    std::vector<uint8_t> bytes = lmTestdataBytes("pdf/two_pages.pdf");
     auto file = lmOpenPdfSource(bytes);
     ASSERT_TRUE(file);
     page = file->pageAtIndex(1);
@@ -298,7 +292,7 @@ TEST(PdfSourceTest, DocumentsAreReadOnSeveralThreadsAtOnce) {
   std::vector<std::u16string> expected;  // what one thread reads alone
   for (const char* name : {"pdf/multipage.pdf", "sample-receipt.pdf", "pdf/unicode.pdf",
                            "pdf/broken_xref.pdf", "pdf/rotated.pdf"}) {
-    bytes.push_back(readFixture(name));
+    bytes.push_back(lmTestdataBytes(name));
     auto file = lmOpenPdfSource(bytes.back());
     ASSERT_TRUE(file);
     expected.push_back(file->string().value_or(u""));

@@ -1,5 +1,5 @@
-// The issue date on small hand-made pages: the order of slashed dates,
-// periods and the labels of other dates.
+// The issue date on small hand-made pages: the labels of other dates,
+// periods and the order of slashed dates.
 #include <gtest/gtest.h>
 
 #include "facts/text_facts_test_util.h"
@@ -16,6 +16,20 @@ TEST(TextDatesTest, IssueDate) {
     std::vector<Row> rows;
     const char* date;
   } cases[] = {
+      // Order and delivery dates and a period are passed over.
+      {"labels and periods",
+       {{u"Bestelldatum: 01.02.2024", 300, 760}, {u"Lieferdatum: 03.02.2024", 300, 745},
+        {u"Leistungszeitraum 01.01.2024 - 31.01.2024", 60, 730}, {u"Datum: 05.02.2024", 300, 715}},
+       "2024-02-05"},
+      {"beside the title, not the order",
+       {{u"Version 2.6 vom 10.11.2025", 60, 780}, {u"Bestellung Nr. 77 vom 02.02.2024", 60, 760},
+        {u"Teilrechnung Nr. 12 vom 05.02.2024", 60, 740}},
+       "2024-02-05"},
+      {"no label: the first date that is no period end",
+       {{u"Zeitraum vom 06.12.2023 bis zum 06.12.2024", 60, 760}, {u"24.01.2024", 300, 740},
+        {u"27.01.2024", 300, 700}},
+       "2024-01-24"},
+      {"two-digit year", {{u"Datum: 31.01.24", 300, 760}}, "2024-01-31"},
       {"month first: a due date reads only that way",
        {{u"Invoice Date: 03/04/2023", 300, 740}, {u"Due Date: 03/20/2023", 300, 725}}, "2023-03-04"},
       {"day first: a due date reads only that way",

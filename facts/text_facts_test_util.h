@@ -41,16 +41,12 @@ struct Parsed {
 };
 
 inline std::unique_ptr<Parsed> analyse(const std::vector<Row>& rows) {
-  auto page = std::make_shared<MonospacePage>();
-  page->mediaBox_ = {0, 0, 595, 842};
+  std::vector<LMFakePdfSourcePage::Line> lines;
   for (const Row& row : rows) {
     const std::u16string text(row.text);
-    if (!page->string_.empty()) page->string_ += u'\n';
-    page->lines_.push_back({LMTextRange::make(page->string_.size(), text.size()),
-                            {row.x, row.y, 5.0 * text.size(), 10}});
-    page->string_ += text;
+    lines.push_back({text, {row.x, row.y, 5.0 * text.size(), 10}});
   }
-  page->attributed_.string = page->string_;
+  auto page = LMFakePdfSourcePage::withLines<MonospacePage>(lines);
   auto file = std::make_shared<LMFakePdfSource>();
   file->string_ = page->string_;
   file->pages_.push_back(page);

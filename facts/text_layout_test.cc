@@ -140,8 +140,6 @@ TEST(TextLayoutTest, CountryAndCurrencyMentions) {
       codes += (codes.empty() ? "" : " ") + lmUtf8(m.code);
     EXPECT_EQ(c.codes, codes);
   }
-  EXPECT_EQ(2u, lmUsualTaxRates(u"DE").size());
-  EXPECT_TRUE(lmUsualTaxRates(u"US").empty());
 }
 
 TEST(TextLayoutTest, PagesWithoutAnythingToRead) {

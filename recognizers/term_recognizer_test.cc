@@ -80,11 +80,6 @@ TEST(TermRecognizerTest, FindingsCarryLanguageWeightAndType) {
                         {u"weight", static_cast<double>(0.8f)}, {u"type", u"gross"}};
   EXPECT_EQ(de, gross[0]);
   EXPECT_EQ(en, gross[1]);
-
-  const auto tax = LMReceiptParserTerm().findTaxTermsInText(u"Tax", false);
-  ASSERT_EQ(1u, tax.size());
-  EXPECT_EQ(u"tax", tax[0].at(u"type").toString());
-  EXPECT_EQ(static_cast<double>(0.9f), *tax[0].at(u"weight").asDouble());
 }
 
 TEST(TermRecognizerTest, GroupsFindingsByEntryNotByPosition) {
@@ -101,14 +96,12 @@ TEST(TermRecognizerTest, GroupsFindingsByEntryNotByPosition) {
   EXPECT_EQ(found, seen);
 }
 
-TEST(TermRecognizerTest, TablesLeaveOutTermsWeightedZeroOrBelow) {
-  EXPECT_EQ(29u, LMReceiptParserTerm::grossEntries().size());
-  EXPECT_EQ(8u, LMReceiptParserTerm::taxEntries().size());
+// A broken pattern would only log: every term of both tables must compile.
+TEST(TermRecognizerTest, EveryTableEntryCompiles) {
   for (const auto* entries : {&LMReceiptParserTerm::grossEntries(),
                               &LMReceiptParserTerm::taxEntries()}) {
     for (const LMTermEntry& entry : *entries) {
       SCOPED_TRACE(lmUtf8(entry.key));
-      EXPECT_GT(entry.weight, 0.0f);
       ASSERT_NE(nullptr, entry.rx);
       EXPECT_NE(nullptr, entry.rx->compiled());
     }
