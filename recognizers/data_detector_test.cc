@@ -103,24 +103,21 @@ TEST(DataDetectorTest, FindsWrittenOutDatesAndNoneInOtherNumbers) {
 TEST(DataDetectorTest, FindsLinksAndMailAddresses) {
   struct Case {
     std::u16string text;
-    std::vector<std::pair<std::string, std::string>> links;  // matched text, link
+    std::vector<std::string> links;  // the matched text, " -> " the link where the two differ
   };
   const Case cases[] = {
-      {u"Coupons unter www.rewe.de/bonuscoupon.",
-       {{"www.rewe.de/bonuscoupon", "www.rewe.de/bonuscoupon"}}},
-      {u"Infos: http://www.free.fr/assistance/, merci",
-       {{"http://www.free.fr/assistance/", "http://www.free.fr/assistance/"}}},
-      {u"HTTPS://WWW.AKRETION.COM", {{"HTTPS://WWW.AKRETION.COM", "HTTPS://WWW.AKRETION.COM"}}},
-      {u"(see https://example.org/a_(b))",
-       {{"https://example.org/a_(b)", "https://example.org/a_(b)"}}},
-      {u"(www.tcpdf.org)", {{"www.tcpdf.org", "www.tcpdf.org"}}},
-      {u"visit www.watercare.co.nz.", {{"www.watercare.co.nz", "www.watercare.co.nz"}}},
-      {u"http://localhost/", {{"http://localhost/", "http://localhost/"}}},
-      {u"E-Mail: info@hetzner.de.", {{"info@hetzner.de", "mailto:info@hetzner.de"}}},
-      {u"mailto:Max@Mustermann.de", {{"mailto:Max@Mustermann.de", "mailto:Max@Mustermann.de"}}},
-      {u"https://user@shop.de/x", {{"https://user@shop.de/x", "https://user@shop.de/x"}}},
+      {u"Coupons unter www.rewe.de/bonuscoupon.", {"www.rewe.de/bonuscoupon"}},
+      {u"Infos: http://www.free.fr/assistance/, merci", {"http://www.free.fr/assistance/"}},
+      {u"HTTPS://WWW.AKRETION.COM", {"HTTPS://WWW.AKRETION.COM"}},
+      {u"(see https://example.org/a_(b))", {"https://example.org/a_(b)"}},
+      {u"(www.tcpdf.org)", {"www.tcpdf.org"}},
+      {u"visit www.watercare.co.nz.", {"www.watercare.co.nz"}},
+      {u"http://localhost/", {"http://localhost/"}},
+      {u"E-Mail: info@hetzner.de.", {"info@hetzner.de -> mailto:info@hetzner.de"}},
+      {u"mailto:Max@Mustermann.de", {"mailto:Max@Mustermann.de"}},
+      {u"https://user@shop.de/x", {"https://user@shop.de/x"}},
       {u"www.hetzner.de \u2022 info@hetzner.de",
-       {{"www.hetzner.de", "www.hetzner.de"}, {"info@hetzner.de", "mailto:info@hetzner.de"}}},
+       {"www.hetzner.de", "info@hetzner.de -> mailto:info@hetzner.de"}},
       // Not links.
       {u"file:///tmp/invoice.pdf", {}},
       {u"www.muster", {}},
@@ -132,9 +129,10 @@ TEST(DataDetectorTest, FindsLinksAndMailAddresses) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.text));
-    std::vector<std::pair<std::string, std::string>> found;
+    std::vector<std::string> found;
     for (const LMDetectedItem& link : find(c.text, LMDetectedType::kLink)) {
-      found.emplace_back(matched(c.text, link), lmUtf8(link.link));
+      const std::string text = matched(c.text, link), target = lmUtf8(link.link);
+      found.push_back(text == target ? text : text + " -> " + target);
     }
     EXPECT_EQ(found, c.links);
   }
