@@ -143,7 +143,7 @@ TEST(RegexTest, DuplicateNameLogsAndLastDefinitionWins) {
   EXPECT_EQ(utf8((*match)[u"a"]), "y");
 }
 
-TEST(RegexTest, AppliesOptionBits) {
+TEST(RegexTest, AppliesOptionBitsAndReportsEmptyMatches) {
   struct Case {
     const char* name;
     std::u16string pattern;
@@ -165,11 +165,15 @@ TEST(RegexTest, AppliesOptionBits) {
       {"unix line separators", u"a$", kLMRegexAnchorsMatchLines | kLMRegexUseUnixLineSeparators, u"a\r\nb", {}},
       {"simple word boundaries", u"\\bcan\\b", 0, u"can't", {u"can"}},
       {"unicode word boundaries", u"\\bcan\\b", kLMRegexUseUnicodeWordBoundaries, u"can't", {}},
+      {"empty text", u"\\d+", kLMRegexDefaultOptions, u"", {}},
+      // Empty matches are reported and the search still moves on.
+      {"empty matches", u"x*", kLMRegexDefaultOptions, u"ab", {u"", u"", u""}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const LMRegex regex(c.pattern, c.options);
     EXPECT_EQ(regex.allStringMatchesinString(c.text), c.matches);
+    EXPECT_EQ(regex.numberOfMatchesInString(c.text), c.matches.size());
   }
 }
 
@@ -181,12 +185,6 @@ TEST(RegexTest, RangesCountUtf16Units) {
     ranges.push_back(match.rangeForGroupName(u"n"));
   });
   EXPECT_THAT(ranges, ElementsAre(LMTextRange::make(3, 2), LMTextRange::make(8, 3)));
-}
-
-TEST(RegexTest, EmptyTextAndEmptyMatches) {
-  EXPECT_TRUE(LMRegex(u"\\d+").allStringMatchesinString(u"").empty());
-  // Empty matches are reported and the search still moves on.
-  EXPECT_EQ(LMRegex(u"x*").numberOfMatchesInString(u"ab"), 3u);
 }
 
 // Where a pattern compiled by ICU itself matches in `text`.
