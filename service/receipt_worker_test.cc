@@ -17,7 +17,8 @@ using WorkerRuntimeTest = LMQuietTest;
 // The sample's result, the options and pages without text are pinned by the
 // command-line golden test, which goes through the same task.
 TEST_F(ReceiptWorkerTest, ADocumentWithoutPagesHasNoPages) {
-  const LMXPCReply empty = lmPerformReceiptTask(LMDictionary{{u"data", lmGeneratedPdf({})}});
+  const LMDictionary task{{u"data", lmGeneratedPdf({})}};  // a kept task: the copying overload
+  const LMXPCReply empty = lmPerformReceiptTask(task);
   ASSERT_TRUE(empty.result) << lmUtf8(empty.error->message);
   EXPECT_EQ(LMValue(LMArray()), empty.result->at(u"pages"));
 }
