@@ -214,16 +214,9 @@ TEST(EInvoiceTest, HostileOrBrokenXmlGivesAReason) {
 }
 
 TEST(EInvoiceTest, KindAndBookkeepingSign) {
-  struct Case {
-    const char16_t* code;
-    const char16_t* kind;
-  } cases[] = {// 380 and 381 come with the files above.
-               {u"532", u"credit-note"},
-               {u"", u"invoice"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(lmUtf8(c.code));
-    EXPECT_EQ(c.kind, lmEInvoiceKind(c.code));
-  }
+  // 380 and 381 come with the files above.
+  EXPECT_EQ(u"credit-note", lmEInvoiceKind(u"532"));
+  EXPECT_EQ(u"invoice", lmEInvoiceKind(u""));
   LMEInvoice note;
   note.kind = u"credit-note";
   LMEInvoice invoice;
