@@ -70,9 +70,7 @@ TEST(ElementCollectionTest, CrossingAnElementBoundStopsTheCollection) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.perPage);
-    LMAnalysisLimits limits;
-    limits.maxPageElements = c.perPage;
-    limits.maxDocumentElements = c.perDocument;
+    const LMAnalysisLimits limits{.maxPageElements = c.perPage, .maxDocumentElements = c.perDocument};
     EXPECT_EQ(c.stopReason, collected(fakeDocument(c.pages), false, limits).stopReason);
   }
 }

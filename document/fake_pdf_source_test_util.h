@@ -1,8 +1,6 @@
 // Hand-made PDF pages and files for the document layer's tests, a log
 // capture, and the PDF fixtures opened through the adapter.
 #pragma once
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -79,12 +77,6 @@ class LMFakePdfSource : public LMPdfSource {
   mutable int stringRequests_ = 0;
   mutable int pageRequests_ = 0;
 };
-
-// The bytes of testdata/`name`; none when there is no such file.
-inline std::vector<uint8_t> lmTestdataBytes(const std::string& name) {
-  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/" + name, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
 
 // testdata/pdf/`name` opened through the adapter; null when unreadable.
 inline std::shared_ptr<LMPDFDocument> lmOpenFixture(const std::string& name) {

@@ -12,14 +12,12 @@
 #include "document/generated_pdf_test_util.h"
 #include "document/pdf_source.h"
 #include "einvoice/attachment_selection.h"
+#include "einvoice/einvoice_test_util.h"
 #include "kit/unicode.h"
 
 namespace {
 
-std::string einvoiceFile(const std::string& name) {
-  const std::vector<uint8_t> bytes = lmTestdataBytes("einvoice/" + name);
-  return std::string(bytes.begin(), bytes.end());
-}
+using lmtest::testFile;
 
 std::string deflated(const std::string& data) {
   uLongf size = compressBound(data.size());
@@ -99,8 +97,8 @@ LMEInvoiceSelection select(const std::vector<LMPdfAttachment>& attachments) {
 std::string bytes(const LMPdfAttachment& a) { return std::string(a.bytes.begin(), a.bytes.end()); }
 
 TEST(PdfAttachmentsTest, ListsEachPlaceOnceWithNameTypeAndRelationship) {
-  const std::string minimum = einvoiceFile("cii-minimum.xml");
-  const std::string allowances = einvoiceFile("cii-allowances.xml");
+  const std::string minimum = testFile("cii-minimum.xml");
+  const std::string allowances = testFile("cii-allowances.xml");
   const std::string pdf = PdfWithFiles::make({
       {"first.xml", minimum, "text#2Fxml", "", true, false, false, false},
       {"factur-x.xml", allowances, "text#2Fxml", "Alternative", true, true, false, true},
@@ -145,16 +143,16 @@ TEST(PdfAttachmentsTest, ChoosesTheFirstWithoutAnAFAndSaysWhyItIsUnusable) {
     const char* failure;
   } cases[] = {
       {"first recognised", {{"a.txt", "hello", "text#2Fplain", "", true},
-                            {"b.xml", einvoiceFile("ubl-invoice.xml"), "", "", true},
-                            {"c.xml", einvoiceFile("ubl-creditnote.xml"), "", "Data", true}},
+                            {"b.xml", testFile("ubl-invoice.xml"), "", "", true},
+                            {"c.xml", testFile("ubl-creditnote.xml"), "", "Data", true}},
        1, 2, ""},
       {"an /AF Data file that is not an invoice does not win",
        {{"data.xml", "<list/>", "text#2Fxml", "Data", true, true},
-        {"x.xml", einvoiceFile("cii-exempt.xml"), "text#2Fxml", "", true}},
+        {"x.xml", testFile("cii-exempt.xml"), "text#2Fxml", "", true}},
        1, 1, ""},
       {"declared XML that is not", {{"factur-x.xml", "garbage", "text#2Fxml", "Alternative", true, true}},
        0, 0, "not XML"},
-      {"unsupported draft", {{"invoice.xml", einvoiceFile("hostile-draft-namespace.xml"), "", "", true}},
+      {"unsupported draft", {{"invoice.xml", testFile("hostile-draft-namespace.xml"), "", "", true}},
        0, 0, "unsupported syntax"},
       {"no invoice at all", {{"logo.png", "\x89PNG", "image#2Fpng", "", true}}, -1, 0, ""},
   };

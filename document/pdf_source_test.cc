@@ -321,12 +321,6 @@ TEST(PdfSourceTest, DocumentsAreReadOnSeveralThreadsAtOnce) {
 
 // --- Limits ------------------------------------------------------------------
 
-LMAnalysisLimits limitsWith(void (*change)(LMAnalysisLimits&)) {
-  LMAnalysisLimits limits;
-  if (change) change(limits);
-  return limits;
-}
-
 TEST(PdfSourceTest, ADocumentBeyondABoundIsNotReadFurther) {
   LMLogCapture log;  // a stopped page is logged
   struct Case {
@@ -341,17 +335,14 @@ TEST(PdfSourceTest, ADocumentBeyondABoundIsNotReadFurther) {
        LMAnalysisLimits(), u"Document too large: more than 200000 characters on page 1"},
       {"characters on a page",
        lmGeneratedPdf({lmGeneratedLines(10, "x", 8, 12), lmGeneratedLines(40, "x", 8, 12)}),
-       limitsWith([](LMAnalysisLimits& l) { l.maxPageCharacters = 50; }),
-       u"Document too large: more than 50 characters on page 2"},
+       {.maxPageCharacters = 50}, u"Document too large: more than 50 characters on page 2"},
       {"characters just within", lmGeneratedPdf({lmGeneratedLines(25, "x", 8, 12)}),
-       limitsWith([](LMAnalysisLimits& l) { l.maxPageCharacters = 49; }), u""},
+       {.maxPageCharacters = 49}, u""},
       {"characters in the document",
        lmGeneratedPdf({lmGeneratedLines(30, "x", 8, 12), lmGeneratedLines(30, "x", 8, 12)}),
-       limitsWith([](LMAnalysisLimits& l) { l.maxDocumentCharacters = 100; }),
-       u"Document too large: more than 100 characters in the document"},
+       {.maxDocumentCharacters = 100}, u"Document too large: more than 100 characters in the document"},
       {"the library's memory", lmGeneratedPdf({lmGeneratedLines(15000, "12,34 EUR")}),
-       limitsWith([](LMAnalysisLimits& l) { l.maxPdfLibraryBytes = 8u << 20; }),
-       u"Document too large: more than 8 MB of memory to read page 1"},
+       {.maxPdfLibraryBytes = 8u << 20}, u"Document too large: more than 8 MB of memory to read page 1"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -10,11 +10,12 @@ namespace {
 using lmtest::analyse;
 using lmtest::Row;
 
-TEST(TextDatesTest, IssueDate) {
+TEST(TextDatesTest, IssueDateAndTheDoubtOfAnAmbiguousOrder) {
   const struct {
     const char* name;
     std::vector<Row> rows;
     const char* date;
+    bool doubtful = false;  // the day and month could change places
   } cases[] = {
       // Order and delivery dates and a period are passed over.
       {"labels and periods",
@@ -31,7 +32,9 @@ TEST(TextDatesTest, IssueDate) {
        "2024-01-24"},
       {"two-digit year", {{u"Datum: 31.01.24", 300, 760}}, "2024-01-31"},
       {"month first: a due date reads only that way",
-       {{u"Invoice Date: 03/04/2023", 300, 740}, {u"Due Date: 03/20/2023", 300, 725}}, "2023-03-04"},
+       {{u"Invoice Date: 03/04/2023", 300, 740}, {u"Due Date: 03/20/2023", 300, 725}}, "2023-03-04", true},
+      {"month first by the country alone",
+       {{u"Invoice Date: 03/04/2023", 300, 740}, {u"Springfield, USA", 60, 700}}, "2023-03-04", true},
       {"day first: a due date reads only that way",
        {{u"Invoice Date: 03/04/2023", 300, 740}, {u"Due Date: 20/04/2023", 300, 725}}, "2023-04-03"},
       {"English in dollars without a country",
@@ -73,16 +76,7 @@ TEST(TextDatesTest, IssueDate) {
     const auto parsed = analyse(c.rows);
     ASSERT_TRUE(parsed->facts.issueDate);
     EXPECT_EQ(c.date, lmUtf8(*parsed->facts.issueDate));
-  }
-}
-
-TEST(TextDatesTest, DoubtOfAnAmbiguousOrder) {
-  // Read by the country alone, the day and month could change places.
-  const auto byCountry = analyse({{u"Invoice Date: 03/04/2023", 300, 740}, {u"Springfield, USA", 60, 700}});
-  const auto byDocument =
-      analyse({{u"Invoice Date: 03/04/2023", 300, 740}, {u"Due Date: 03/20/2023", 300, 725}});
-  for (const auto* parsed : {byCountry.get(), byDocument.get()}) {
-    EXPECT_EQ("2023-03-04", lmUtf8(parsed->facts.issueDate.value_or(u"-")));
+    if (!c.doubtful) continue;
     const auto score = parsed->facts.evidence.at(u"issueDate").at(u"score").asDouble();
     ASSERT_TRUE(score);
     EXPECT_LT(*score, 0.9);

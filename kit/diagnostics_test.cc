@@ -5,9 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
-
 #include <regex>
 #include <string>
 #include <vector>
@@ -83,20 +80,14 @@ class StandardErrorFile {
     std::remove(path_.c_str());
   }
   std::string text() const {
-    std::ifstream in(path_);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::vector<uint8_t> bytes = lmFileBytes(path_);
+    return std::string(bytes.begin(), bytes.end());
   }
 
  private:
   std::string path_ = "/tmp/lm-diagnostics-test-" + std::to_string(getpid());
   int saved_ = -1;
 };
-
-size_t count(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
 
 TEST(DiagnosticsTest, RepeatedEntriesAreLeftOutAndTheFileStaysBounded) {
   StandardErrorFile file;
@@ -105,8 +96,8 @@ TEST(DiagnosticsTest, RepeatedEntriesAreLeftOutAndTheFileStaysBounded) {
     lmLogf("changing %d", i);
   }
   std::string text = file.text();
-  EXPECT_EQ(3u, count(text, "repeated <")) << text;
-  EXPECT_EQ(50u, count(text, "changing "));
+  EXPECT_EQ(3u, lmOccurrences(text, "repeated <")) << text;
+  EXPECT_EQ(50u, lmOccurrences(text, "changing "));
 
   // Beyond the bound the file is emptied, once the next check comes.
   lmLimitLogFile(100 << 10);
@@ -115,7 +106,7 @@ TEST(DiagnosticsTest, RepeatedEntriesAreLeftOutAndTheFileStaysBounded) {
   text = file.text();
   lmLimitLogFile(0);
   EXPECT_LT(text.size(), size_t{170 << 10});
-  EXPECT_EQ(1u, count(text, "The log was emptied at "));
+  EXPECT_EQ(1u, lmOccurrences(text, "The log was emptied at "));
   EXPECT_NE(std::string::npos, text.find(" 299 xxx"));
 }
 

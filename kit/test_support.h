@@ -1,7 +1,12 @@
-// Helpers the test runners share: a log capture and a time zone scope.
+// Helpers the test runners share: a log capture, a quiet test, a time zone
+// scope and the test files.
 #pragma once
+#include <gtest/gtest.h>
 #include <unicode/timezone.h>
 
+#include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -55,6 +60,12 @@ class LMLogCapture {
   std::vector<std::string> lines_;
 };
 
+// A test whose log entries are captured instead of written to standard error.
+class LMQuietTest : public testing::Test {
+ protected:
+  LMLogCapture log_;
+};
+
 // Makes `id` the default time zone while it exists, then restores the old one.
 class LMTimeZoneScope {
  public:
@@ -68,3 +79,21 @@ class LMTimeZoneScope {
  private:
   std::unique_ptr<icu::TimeZone> previous_;
 };
+
+// The bytes of the file at `path`; none when it cannot be read.
+inline std::vector<uint8_t> lmFileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+// The bytes of testdata/`name`.
+inline std::vector<uint8_t> lmTestdataBytes(const std::string& name) {
+  return lmFileBytes(std::string(LM_TESTDATA_DIR) + "/" + name);
+}
+
+// How often `part` occurs in `text`.
+inline size_t lmOccurrences(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}

@@ -52,7 +52,7 @@ TEST(RegexTest, MapsNamedGroupsToCaptureNumbers) {
   }
 }
 
-TEST(RegexTest, LooksGroupsUpByName) {
+TEST(RegexTest, LooksGroupsUpByNameAndNotBeyondTheCompiledOnes) {
   const LMRegex regex(uR"((?<1-DAY>\d+)\.(?<1-MONTH>\d+) (\.(?<1-YEAR>\d+))?)");
   const std::u16string text = u"Date: 24.12 rest";
   const std::optional<LMRegexMatch> match = regex.firstMatchInString(text);
@@ -68,17 +68,15 @@ TEST(RegexTest, LooksGroupsUpByName) {
   EXPECT_EQ(match->range(), LMTextRange::make(6, 5));
   EXPECT_EQ(match->numberOfRanges(), 5u);
   EXPECT_FALSE(match->rangeAtIndex(5).found());
-}
 
-TEST(RegexTest, NameBeyondCompiledGroupsIsUnknown) {
   // The naive count gives "n" the number 2, but the compiled pattern has
   // only one group.
-  const LMRegex regex(uR"(\((?<n>x))");
-  const std::u16string text = u"(x";
-  const std::optional<LMRegexMatch> match = regex.firstMatchInString(text);
-  ASSERT_TRUE(match.has_value());
-  EXPECT_EQ(utf8(match->stringForGroupName(u"n")), "<nullopt>");
-  EXPECT_FALSE(match->rangeForGroupName(u"n").found());
+  const LMRegex cut(uR"(\((?<n>x))");
+  const std::u16string cutText = u"(x";
+  const std::optional<LMRegexMatch> beyond = cut.firstMatchInString(cutText);
+  ASSERT_TRUE(beyond.has_value());
+  EXPECT_EQ(utf8(beyond->stringForGroupName(u"n")), "<nullopt>");
+  EXPECT_FALSE(beyond->rangeForGroupName(u"n").found());
 }
 
 TEST(RegexTest, CachesByPatternAndOptions) {
@@ -145,7 +143,7 @@ TEST(RegexTest, DuplicateNameLogsAndLastDefinitionWins) {
   EXPECT_EQ(utf8((*match)[u"a"]), "y");
 }
 
-TEST(RegexTest, AppliesOptionBits) {
+TEST(RegexTest, AppliesOptionBitsAndReportsEmptyMatches) {
   struct Case {
     const char* name;
     std::u16string pattern;
@@ -167,11 +165,15 @@ TEST(RegexTest, AppliesOptionBits) {
       {"unix line separators", u"a$", kLMRegexAnchorsMatchLines | kLMRegexUseUnixLineSeparators, u"a\r\nb", {}},
       {"simple word boundaries", u"\\bcan\\b", 0, u"can't", {u"can"}},
       {"unicode word boundaries", u"\\bcan\\b", kLMRegexUseUnicodeWordBoundaries, u"can't", {}},
+      {"empty text", u"\\d+", kLMRegexDefaultOptions, u"", {}},
+      // Empty matches are reported and the search still moves on.
+      {"empty matches", u"x*", kLMRegexDefaultOptions, u"ab", {u"", u"", u""}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const LMRegex regex(c.pattern, c.options);
     EXPECT_EQ(regex.allStringMatchesinString(c.text), c.matches);
+    EXPECT_EQ(regex.numberOfMatchesInString(c.text), c.matches.size());
   }
 }
 
@@ -183,12 +185,6 @@ TEST(RegexTest, RangesCountUtf16Units) {
     ranges.push_back(match.rangeForGroupName(u"n"));
   });
   EXPECT_THAT(ranges, ElementsAre(LMTextRange::make(3, 2), LMTextRange::make(8, 3)));
-}
-
-TEST(RegexTest, EmptyTextAndEmptyMatches) {
-  EXPECT_TRUE(LMRegex(u"\\d+").allStringMatchesinString(u"").empty());
-  // Empty matches are reported and the search still moves on.
-  EXPECT_EQ(LMRegex(u"x*").numberOfMatchesInString(u"ab"), 3u);
 }
 
 // Where a pattern compiled by ICU itself matches in `text`.

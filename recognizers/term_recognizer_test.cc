@@ -21,52 +21,43 @@ std::vector<std::u16string> labels(const std::vector<LMDictionary>& found) {
 
 using Labels = std::vector<std::u16string>;
 
-TEST(TermRecognizerTest, FindsGrossTermsStandingFree) {
+TEST(TermRecognizerTest, FindsGrossAndTaxTermsStandingFree) {
   struct Case {
+    bool tax;
     std::u16string text;
     Labels labels;
   } cases[] = {
-      {u"Gesamtbetrag: 12,50", {u"gesamtbetrag/de"}},  // not "betrag" inside it
-      {u"ZU ZAHLENDER\nBETRAG", {u"zu zahlender betrag/de", u"betrag/de"}},
-      {u"zu  zahlender\t\r\n betrag", {u"zu zahlender betrag/de", u"betrag/de"}},
-      {u"zuzahlender Betrag", {u"betrag/de"}},
-      {u"Summe 3,00 Zwischensumme 2,00", {u"summe/de"}},
-      {u"Total", {u"total/de", u"total/en"}},
-      {u"Grand Total", {u"total/de", u"grand total/en", u"total/en"}},
-      {u"Grand\nTotal", {u"total/de", u"grand total/en", u"total/en"}},
-      {u"GESAMTBRUTTO", {u"gesamtbrutto/de"}},
-      {u"Brutto: 5", {u"brutto/de"}},
-      {u"Total:12 2Total", {u"total/de", u"total/de", u"total/en", u"total/en"}},
-      {u"Totals Subtotal", {}},
-      {u"State tax", {u"state tax/en"}},
-      {u"State taxes", {u"state taxes/en"}},
+      {false, u"Gesamtbetrag: 12,50", {u"gesamtbetrag/de"}},  // not "betrag" inside it
+      {false, u"ZU ZAHLENDER\nBETRAG", {u"zu zahlender betrag/de", u"betrag/de"}},
+      {false, u"zu  zahlender\t\r\n betrag", {u"zu zahlender betrag/de", u"betrag/de"}},
+      {false, u"zuzahlender Betrag", {u"betrag/de"}},
+      {false, u"Summe 3,00 Zwischensumme 2,00", {u"summe/de"}},
+      {false, u"Total", {u"total/de", u"total/en"}},
+      {false, u"Grand Total", {u"total/de", u"grand total/en", u"total/en"}},
+      {false, u"Grand\nTotal", {u"total/de", u"grand total/en", u"total/en"}},
+      {false, u"GESAMTBRUTTO", {u"gesamtbrutto/de"}},
+      {false, u"Brutto: 5", {u"brutto/de"}},
+      {false, u"Total:12 2Total", {u"total/de", u"total/de", u"total/en", u"total/en"}},
+      {false, u"Totals Subtotal", {}},
+      {false, u"State tax", {u"state tax/en"}},
+      {false, u"State taxes", {u"state taxes/en"}},
       // Terms weighted 0 or below have no entry.
-      {u"Bar Gegeben Guthaben R\u00FCckgeld Zur\u00FCck Zwischensumme", {}},
-      {u"", {}},
+      {false, u"Bar Gegeben Guthaben R\u00FCckgeld Zur\u00FCck Zwischensumme", {}},
+      {false, u"", {}},
+      {true, u"MwSt. 19%", {u"mwst/de"}},
+      {true, u"zzgl. 19% USt", {u"ust/de"}},
+      {true, u"USt-IdNr DE123", {u"ust/de"}},  // "-" is no letter
+      {true, u"Umsatzsteuer", {u"umsatzsteuer/de"}},  // not "steuer" inside it
+      {true, u"Steuer", {u"steuer/de"}},
+      {true, u"VAT 20% Tax Taxes", {u"vat/en", u"tax/en", u"taxes/en"}},
+      {true, u"Versand Rabatt Verpackung", {}},
+      {true, u"Mwst MWST mwst", {u"mwst/de", u"mwst/de", u"mwst/de"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(lmUtf8(c.text));
-    EXPECT_EQ(c.labels, labels(LMReceiptParserTerm().findInText(c.text, false)));
-  }
-}
-
-TEST(TermRecognizerTest, FindsTaxTerms) {
-  struct Case {
-    std::u16string text;
-    Labels labels;
-  } cases[] = {
-      {u"MwSt. 19%", {u"mwst/de"}},
-      {u"zzgl. 19% USt", {u"ust/de"}},
-      {u"USt-IdNr DE123", {u"ust/de"}},  // "-" is no letter
-      {u"Umsatzsteuer", {u"umsatzsteuer/de"}},  // not "steuer" inside it
-      {u"Steuer", {u"steuer/de"}},
-      {u"VAT 20% Tax Taxes", {u"vat/en", u"tax/en", u"taxes/en"}},
-      {u"Versand Rabatt Verpackung", {}},
-      {u"Mwst MWST mwst", {u"mwst/de", u"mwst/de", u"mwst/de"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(lmUtf8(c.text));
-    EXPECT_EQ(c.labels, labels(LMReceiptParserTerm().findTaxTermsInText(c.text, true)));
+    const LMReceiptParserTerm terms;
+    EXPECT_EQ(c.labels, labels(c.tax ? terms.findTaxTermsInText(c.text, true)
+                                     : terms.findInText(c.text, false)));
   }
 }
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-std::vector<uint8_t> fixture(const std::string& name) { return lm_test::fixture("archives/" + name); }
+std::vector<uint8_t> fixture(const std::string& name) { return lmTestdataBytes("archives/" + name); }
 
 TEST(ArchiveDecoderTest, ReadsArchivesOfThePlatformsArchiver) {
   const LMValue hello = u"Hello, World!";
@@ -153,28 +153,17 @@ TEST(ArchiveDecoderTest, ReadsWhatOtherArchiversWrite) {
 
 TEST(ArchiveDecoderTest, RefusesMalformedArchives) {
   using Make = std::function<std::vector<uint8_t>(RawArchive&)>;
-  const auto decimal = [](RawArchive& r, uint64_t length, int64_t exponent, uint64_t order) {
-    const char mantissa[16] = {1};
-    return r.bytes(r.object("NSDecimalNumber",
-                            {{"NS.length", plist_new_uint(length)},
-                             {"NS.exponent", plist_new_uint(static_cast<uint64_t>(exponent))},
-                             {"NS.mantissa.bo", plist_new_uint(order)},
-                             {"NS.mantissa", plist_new_data(mantissa, 16)}}));
-  };
   // "abc" with the runs `info` over one empty dictionary, or over a text.
-  const auto attributed = [](RawArchive& r, std::vector<char> info, bool textSlot = false) {
-    const uint64_t text = r.add(plist_new_string("abc"));
-    const uint64_t slot = textSlot ? text : r.object("NSDictionary", {});
-    const uint64_t slots = r.object("NSArray", {{"NS.objects", uids({slot})}});
-    const uint64_t data = r.add(plist_new_data(info.data(), info.size()));
-    return r.bytes(r.object("NSAttributedString", {{"NSString", plist_new_uid(text)},
-                                                   {"NSAttributes", plist_new_uid(slots)},
-                                                   {"NSAttributeInfo", plist_new_uid(data)}}));
-  };
-  const auto dictionary = [](RawArchive& r, plist_t key, size_t keyCount) {
-    const uint64_t k = r.add(key);
-    return r.bytes(r.object("NSDictionary", {{"NS.keys", uids(std::vector<uint64_t>(keyCount, k))},
-                                             {"NS.objects", uids({k})}}));
+  const auto attributed = [](std::vector<char> info, bool textSlot = false) {
+    return Make([info, textSlot](RawArchive& r) {
+      const uint64_t text = r.add(plist_new_string("abc"));
+      const uint64_t slot = textSlot ? text : r.object("NSDictionary", {});
+      const uint64_t slots = r.object("NSArray", {{"NS.objects", uids({slot})}});
+      const uint64_t data = r.add(plist_new_data(info.data(), info.size()));
+      return r.bytes(r.object("NSAttributedString", {{"NSString", plist_new_uid(text)},
+                                                     {"NSAttributes", plist_new_uid(slots)},
+                                                     {"NSAttributeInfo", plist_new_uid(data)}}));
+    });
   };
   struct Case {
     const char* name;
@@ -205,7 +194,10 @@ TEST(ArchiveDecoderTest, RefusesMalformedArchives) {
        "$top is empty"},
       {"reference out of range", [](RawArchive& r) { return r.bytes(99); }, "out of range"},
       {"key and object counts differ",
-       [&](RawArchive& r) { return dictionary(r, plist_new_string("k"), 2); },
+       [](RawArchive& r) {
+         const uint64_t k = r.add(plist_new_string("k"));
+         return r.bytes(r.object("NSDictionary", {{"NS.keys", uids({k, k})}, {"NS.objects", uids({k})}}));
+       },
        "differ in length (2 and 1)"},
       {"nil in an array",
        [](RawArchive& r) {
@@ -228,23 +220,18 @@ TEST(ArchiveDecoderTest, RefusesMalformedArchives) {
        "is not a dictionary"},
       {"object without class", [](RawArchive& r) { return r.bytes(r.add(plist_new_dict())); },
        "no $class"},
-      {"decimal exponent 200", [&](RawArchive& r) { return decimal(r, 1, 200, 1); },
+      {"decimal exponent 200",
+       [](RawArchive& r) {
+         const char mantissa[16] = {1};
+         return r.bytes(r.object("NSDecimalNumber", {{"NS.length", plist_new_uint(1)},
+                                                     {"NS.exponent", plist_new_uint(200)},
+                                                     {"NS.mantissa.bo", plist_new_uint(1)},
+                                                     {"NS.mantissa", plist_new_data(mantissa, 16)}}));
+       },
        "NS.exponent 200"},
-      {"attribute slot out of range",
-       [&](RawArchive& r) {
-         return attributed(r, {3, 1});
-       },
-       "attributes 1 of 1"},
-      {"attribute runs too long",
-       [&](RawArchive& r) {
-         return attributed(r, {4, 0});
-       },
-       "pass the end"},
-      {"attributes not dictionaries",
-       [&](RawArchive& r) {
-         return attributed(r, {3, 0}, true);
-       },
-       "other than dictionaries"},
+      {"attribute slot out of range", attributed({3, 1}), "attributes 1 of 1"},
+      {"attribute runs too long", attributed({4, 0}), "pass the end"},
+      {"attributes not dictionaries", attributed({3, 0}, true), "other than dictionaries"},
       {"ASCII text holding U+0000",
        [](RawArchive&) { return withBytesReplaced(serialize(u"aXb"), {'X'}, {0}); }, "holds U+0000"},
       {"UTF-16 text holding U+0000",

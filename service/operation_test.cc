@@ -16,12 +16,7 @@
 
 namespace {
 
-class OperationTest : public testing::Test {
- protected:
-  bool logged(const std::string& text) const { return log.contains(text); }
-
-  LMLogCapture log;
-};
+using OperationTest = LMQuietTest;
 
 // Gives another thread a chance to run, so that overlapping work would show.
 void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
@@ -162,8 +157,8 @@ TEST_F(OperationTest, ConcurrentMainByDefaultAssertsAndCompletes) {
   auto operation = std::make_shared<LMOperationConcurrent>();
   queue.addOperation(operation);
   operation->waitUntilFinished();
-  EXPECT_TRUE(logged("You should override this method"));
-  EXPECT_TRUE(logged("(0) failed assertion"));
+  EXPECT_TRUE(log_.contains("You should override this method"));
+  EXPECT_TRUE(log_.contains("(0) failed assertion"));
 }
 
 }  // namespace

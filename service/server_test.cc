@@ -15,9 +15,7 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto kPatience = 20s;
+using namespace lm_test;
 
 // Every worker waits at the gate, or, when `untilCancelled`, until its call
 // is cancelled (then it replies the cancellation's message). Counts how many
@@ -56,7 +54,7 @@ class GateWorker : public LMXPCBaseWorker {
 };
 
 // The harness gives the test a private XDG_RUNTIME_DIR.
-class ServerTest : public lm_test::ServiceHarness {
+class ServerTest : public ServiceHarness {
  protected:
   void TearDown() override {
     openGate();
@@ -89,7 +87,7 @@ class ServerTest : public lm_test::ServiceHarness {
   }
   // Sends an empty request on a new connection.
   int call() {
-    const int fd = lm_test::connectTo(path_);
+    const int fd = connectTo(path_);
     const auto header = lmFrameHeader(kLMFrameRequest, 0);
     EXPECT_EQ(16, write(fd, header.data(), header.size()));
     return fd;
@@ -114,9 +112,7 @@ class ServerTest : public lm_test::ServiceHarness {
 };
 
 TEST_F(ServerTest, CallsRunInParallelUpToTheWorkers) {
-  LMServerOptions options;
-  options.workers = 2;
-  start(options);
+  start({.workers = 2});
   std::vector<int> fds = {call(), call(), call()};
   ASSERT_TRUE(waitForRunning(2));
   // The third waits for a worker while two run.
@@ -139,13 +135,10 @@ TEST_F(ServerTest, WaitsAndLimitsEndInAnErrorReply) {
     std::u16string second;     // the reply of a second call while the first runs
     std::u16string cancelled;  // the first call's cancellation
   };
-  LMServerOptions busy, limited;
-  busy.workers = 1;
-  busy.busyWait = 100ms;
-  limited.callTimeLimit = 200ms;
   const Case cases[] = {
-      {"every worker busy past the wait", busy, false, u"Service busy", u""},
-      {"over the call's time limit", limited, false, u"Call took longer than 0.2 s",
+      {"every worker busy past the wait", {.workers = 1, .busyWait = 100ms}, false, u"Service busy",
+       u""},
+      {"over the call's time limit", {.callTimeLimit = 200ms}, false, u"Call took longer than 0.2 s",
        u"Call took longer than 0.2 s"},
       {"the client hangs up", LMServerOptions{}, true, u"", u"The client went away"},
   };
@@ -190,18 +183,12 @@ TEST_F(ServerTest, StopLetsRunningCallsFinishWithinTheGrace) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     gate_.untilCancelled = true;
-    LMServerOptions options;
-    options.stopGrace = 300ms;
-    start(options);
+    start({.stopGrace = 300ms});
     const int fd = call();
     ASSERT_TRUE(waitForRunning(1));
     server_->stop();
     // The socket goes at once, while the call still runs.
-    for (auto end = std::chrono::steady_clock::now() + kPatience;
-         access(path_.c_str(), F_OK) == 0 && std::chrono::steady_clock::now() < end;) {
-      std::this_thread::sleep_for(5ms);
-    }
-    EXPECT_NE(0, access(path_.c_str(), F_OK));
+    EXPECT_TRUE(waitUntil([&] { return access(path_.c_str(), F_OK) != 0; }));
     if (c.finishes) openGate();
     EXPECT_EQ(c.reply, reply(fd));
     ASSERT_EQ(std::future_status::ready, served_.wait_for(kPatience));
@@ -213,11 +200,8 @@ TEST_F(ServerTest, StopLetsRunningCallsFinishWithinTheGrace) {
 }
 
 TEST_F(ServerTest, StuckClientIsCutOffAndIdleServerLeaves) {
-  LMServerOptions options;
-  options.requestTimeout = 200ms;
-  options.idleTimeout = 500ms;
-  start(options);
-  const int fd = lm_test::connectTo(path_);
+  start({.requestTimeout = 200ms, .idleTimeout = 500ms});
+  const int fd = connectTo(path_);
   ASSERT_EQ(5, write(fd, "LMXP\x01", 5));
   EXPECT_EQ(u"Request timed out", reply(fd));
 

@@ -81,7 +81,7 @@ TEST_F(ServiceLimitsTest, LimitsEndInAnErrorReply) {
     // its end here: nothing else would free that worker).
     const int slow = slowCall(0, c.secondReply.empty() ? 600 : 200);
     if (!c.secondReply.empty()) {
-      const Reply second = callRaw(socketPath_, requestFrame(LMDictionary{{u"data", fixture("sample-receipt.pdf")}}));
+      const Reply second = callRaw(socketPath_, requestFrame(LMDictionary{{u"data", lmTestdataBytes("sample-receipt.pdf")}}));
       ASSERT_EQ("", second.problem);
       EXPECT_EQ(c.secondReply, second.message);
     }
@@ -116,11 +116,7 @@ TEST_F(ServiceLimitsTest, SignalsRemoveTheSocketAndAReplacementTakesOver) {
     const int slow = c.duringACall ? slowCall(log().size()) : -1;
     ASSERT_EQ(0, kill(pid, c.signal));
     // The socket goes at once, also while the call runs.
-    for (auto end = std::chrono::steady_clock::now() + kPatience;
-         access(socketPath_.c_str(), F_OK) == 0 && std::chrono::steady_clock::now() < end;) {
-      std::this_thread::sleep_for(5ms);
-    }
-    EXPECT_NE(0, access(socketPath_.c_str(), F_OK));
+    EXPECT_TRUE(waitUntil([&] { return access(socketPath_.c_str(), F_OK) != 0; }));
     // A new service takes the name while the old one still ends.
     const pid_t next = serve();
     expectServing(socketPath_);
@@ -147,7 +143,7 @@ TEST_F(ServiceLimitsTest, AStoppedServiceGivesTheClientATimeoutError) {
     std::optional<LMXPCError> error;
     // The warm-up call and this one share the time: both end after about 0.5 s.
     client.performXPCSynchronousWithObject(
-        LMDictionary{{u"data", fixture("sample-receipt.pdf")}},
+        LMDictionary{{u"data", lmTestdataBytes("sample-receipt.pdf")}},
         [&](const LMValue&, const std::optional<LMXPCError>& e) { error = e; });
     ASSERT_TRUE(error);
     EXPECT_EQ(u"Service not reachable: The service did not answer within 0.5 s", error->message);

@@ -77,10 +77,10 @@ TEST_F(ServiceProcessTest, ParallelClientsEachGetTheirOwnReply) {
     std::u16string gross = {}, text = {};
   };
   std::vector<Document> documents;
-  documents.push_back({"sample-receipt.pdf", fixture("sample-receipt.pdf")});
+  documents.push_back({"sample-receipt.pdf", lmTestdataBytes("sample-receipt.pdf")});
   for (const auto& entry : std::filesystem::directory_iterator(std::string(LM_TESTDATA_DIR) + "/pdf")) {
     if (entry.path().extension() == ".pdf") {
-      documents.push_back({entry.path().filename().string(), fileBytes(entry.path().string())});
+      documents.push_back({entry.path().filename().string(), lmFileBytes(entry.path().string())});
     }
   }
   documents.push_back({"random bytes", Bytes(3000, 0x5a)});
@@ -167,13 +167,12 @@ TEST_F(ServiceStartTest, OnlyOneInstanceServesASocket) {
   const pid_t first = start(), second = start();
   pid_t loser = -1;
   int status = 0;
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (loser < 0 && std::chrono::steady_clock::now() < deadline) {
+  waitUntil([&] {
     for (pid_t pid : {first, second}) {
       if (loser < 0 && waitpid(pid, &status, WNOHANG) == pid) loser = pid;
     }
-    std::this_thread::sleep_for(10ms);
-  }
+    return loser >= 0;
+  });
   ASSERT_NE(-1, loser) << log();
   std::erase(pids_, loser);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;

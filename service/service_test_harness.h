@@ -16,13 +16,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "document/generated_pdf_test_util.h"
+#include "kit/test_support.h"
 #include "kit/unicode.h"
 #include "service/archive_test_util.h"
 #include "service/keyed_archive.h"
@@ -50,13 +50,6 @@ using Bytes = std::vector<uint8_t>;
 // Bounds waits that normally end within milliseconds (or, for the slow
 // documents, seconds; under the sanitizers ten times that).
 inline constexpr auto kPatience = 60s;
-
-inline Bytes fileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-inline Bytes fixture(const std::string& name) { return fileBytes(std::string(LM_TESTDATA_DIR) + "/" + name); }
 
 inline Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
@@ -147,6 +140,16 @@ inline Reply callRaw(const std::string& path, const Bytes& bytes, bool halfClose
 
 inline bool alive(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
 
+// Asks `done` every `step` until it says yes (true) or the patience is over.
+template <typename Done>
+bool waitUntil(Done done, std::chrono::milliseconds step = 5ms) {
+  for (const auto deadline = std::chrono::steady_clock::now() + kPatience; !done();) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(step);
+  }
+  return true;
+}
+
 // The exit status of `pid` once it ended by itself (-1 when it did not within
 // the patience), or after SIGTERM (SIGKILL when that does not end it).
 inline int waitForExit(pid_t pid, bool terminate = false) {
@@ -232,37 +235,32 @@ class ServiceHarness : public testing::Test {
 
   // Waits until `path` accepts connections; false when `pid` ended first.
   bool waitForSocket(pid_t pid, const std::string& path) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (std::chrono::steady_clock::now() < deadline && alive(pid)) {
+    bool connected = false;
+    waitUntil([&] {
       const int fd = connectTo(path);
-      if (fd >= 0) {
-        close(fd);
-        return true;
-      }
-      std::this_thread::sleep_for(5ms);
-    }
-    return false;
+      if (fd >= 0) close(fd);
+      connected = fd >= 0;
+      return connected || !alive(pid);
+    });
+    return connected;
   }
 
   std::string log() const {
-    const Bytes bytes = fileBytes(dir_ + "/service.log");
+    const Bytes bytes = lmFileBytes(dir_ + "/service.log");
     return std::string(bytes.begin(), bytes.end());
   }
 
   // Waits until the log, from `from` on, holds `text`.
   bool waitForLog(const std::string& text, size_t from = 0) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (std::chrono::steady_clock::now() < deadline) {
+    return waitUntil([&] {
       const std::string all = log();
-      if (all.size() > from && all.find(text, from) != std::string::npos) return true;
-      std::this_thread::sleep_for(5ms);
-    }
-    return false;
+      return all.size() > from && all.find(text, from) != std::string::npos;
+    });
   }
 
   // A normal call still succeeds.
   void expectServing(const std::string& path) {
-    const Reply reply = callRaw(path, requestFrame(LMDictionary{{u"data", fixture("sample-receipt.pdf")}}));
+    const Reply reply = callRaw(path, requestFrame(LMDictionary{{u"data", lmTestdataBytes("sample-receipt.pdf")}}));
     ASSERT_EQ("", reply.problem);
     ASSERT_EQ(0, reply.kind) << lmUtf8(reply.message);
     EXPECT_EQ(u"15.3", reply.result.at(u"gross").toString());

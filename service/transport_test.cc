@@ -17,10 +17,8 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-using Bytes = std::vector<uint8_t>;
-
-constexpr auto kPatience = 20s;
+using lm_test::Bytes;
+using lm_test::kPatience;
 
 // The harness gives each test a private XDG_RUNTIME_DIR, restored afterwards.
 class RuntimeFolder : public lm_test::ServiceHarness {
@@ -134,13 +132,9 @@ TEST_F(ClientTest, CallsStartTheServiceOnce) {
     ASSERT_FALSE(reply->error);
     EXPECT_EQ(LMValue(LMDictionary{{u"boot", u"success"}}), lxDataUnserialize(reply->bytes));
   }
-  const Bytes log = lm_test::fileBytes(dir_ + "/lmreceipt-service.log");
+  const Bytes log = lmFileBytes(dir_ + "/lmreceipt-service.log");
   const std::string text(log.begin(), log.end());
-  size_t starts = 0;
-  for (size_t at = text.find("Started Worker"); at != std::string::npos; at = text.find("Started Worker", at + 1)) {
-    ++starts;
-  }
-  EXPECT_EQ(1u, starts) << text;
+  EXPECT_EQ(1u, lmOccurrences(text, "Started Worker")) << text;
 }
 
 TEST_F(ClientTest, CallFailsWhenTheServiceCannotStart) {

@@ -72,36 +72,48 @@ class FakeService {
   std::atomic<int> mostInFlight_{0};
 };
 
-class XPCClientTest : public testing::Test {
- protected:
-  bool logged(const std::string& text) const { return log.contains(text); }
+using XPCClientTest = LMQuietTest;
 
-  LMLogCapture log;
-};
-
-TEST_F(XPCClientTest, RepliesBecomeResultOrError) {
+// Each reply through the closure and, without one, as the returned value
+// (nil for a failure, which is logged).
+TEST_F(XPCClientTest, RepliesBecomeResultOrErrorOrALoggedNil) {
+  const std::string kFailed = "Error while executing XPC task occured: ";
   struct Case {
     const char* name;
     std::optional<LMWireReply> reply;
     std::string failure;
     LMValue result;
     std::optional<std::u16string> error;
+    std::vector<std::string> logs = {};
+    int throws = 0;  // the transport throws: 1 an exception, 2 something else
   } cases[] = {
       {"result", FakeService::archived(LMDictionary{{u"gross", u"15.30"}}), "",
        LMDictionary{{u"gross", u"15.30"}}, std::nullopt},
-      {"no bytes", LMWireReply{}, "", LMValue(), std::nullopt},
+      {"no bytes", LMWireReply{}, "", LMValue(), std::nullopt,
+       {"(operation->error()) failed assertion", kFailed + "(null)"}},
       {"undecodable bytes", LMWireReply{{'n', 'o', 'p', 'e'}, std::nullopt}, "", LMValue(),
-       std::nullopt},
+       std::nullopt, {"lxDataUnserialize: "}},
       {"error reply",
        LMWireReply{{}, LMXPCError{kLMErrorDomain, kLMErrorCode, u"Could not open document"}},
-       "", LMValue(), u"Could not open document"},
+       "", LMValue(), u"Could not open document",
+       {kFailed + "Error Domain=com.brightmoor.error Code=101 \"Could not open document\""}},
+      {"error without message", LMWireReply{{}, LMXPCError{}}, "", LMValue(), u"",
+       {kFailed + "Error Domain=com.brightmoor.error Code=101 \"(null)\""}},
       {"no reply", std::nullopt, "The service closed the connection without a reply",
        LMValue(), u"Service not reachable: The service closed the connection without a reply"},
       {"no reply, no reason", std::nullopt, "", LMValue(), u"Service not reachable: no reply"},
+      // A transport that throws is a failed call, not a caller waiting forever.
+      {"transport throws", std::nullopt, "", LMValue(), u"Service not reachable: socket broke", {},
+       1},
+      {"transport throws a non-exception", std::nullopt, "", LMValue(),
+       u"Service not reachable: the call failed", {}, 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    log_.clear();
     FakeService service([&](const LMValue&, std::string* failure) {
+      if (c.throws == 1) throw std::runtime_error("socket broke");
+      if (c.throws == 2) throw 42;
       *failure = c.failure;
       return c.reply;
     });
@@ -120,48 +132,8 @@ TEST_F(XPCClientTest, RepliesBecomeResultOrError) {
           }
         });
     EXPECT_EQ(1, calls);
-  }
-  EXPECT_TRUE(logged("lxDataUnserialize: "));
-
-  // A transport that throws is a failed call, not a caller waiting forever.
-  for (const bool standard : {true, false}) {
-    FakeService service([&](const LMValue&, std::string*) -> std::optional<LMWireReply> {
-      if (standard) throw std::runtime_error("socket broke");
-      throw 42;
-    });
-    LMXPC xpc("test-service", service.transport());
-    std::optional<LMXPCError> error;
-    xpc.performXPCSynchronousWithObject(
-        LMDictionary{{u"task", 1}},
-        [&](const LMValue&, const std::optional<LMXPCError>& e) { error = e; });
-    ASSERT_TRUE(error);
-    EXPECT_EQ(standard ? u"Service not reachable: socket broke"
-                       : u"Service not reachable: the call failed",
-              error->message);
-  }
-}
-
-TEST_F(XPCClientTest, PerformXPCWithObjectLogsFailuresAndAnswersNil) {
-  struct Case {
-    const char* name;
-    std::optional<LMWireReply> reply;
-    std::vector<std::string> logs;
-  } cases[] = {
-      {"error reply",
-       LMWireReply{{}, LMXPCError{kLMErrorDomain, kLMErrorCode, u"Could not open document"}},
-       {"Error while executing XPC task occured: Error Domain=com.brightmoor.error Code=101 "
-        "\"Could not open document\""}},
-      {"error without message", LMWireReply{{}, LMXPCError{}},
-       {"occured: Error Domain=com.brightmoor.error Code=101 \"(null)\""}},
-      {"neither result nor error", LMWireReply{},
-       {"(operation->error()) failed assertion", "Error while executing XPC task occured: (null)"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    FakeService service([&](const LMValue&, std::string*) { return c.reply; });
-    LMXPC xpc("test-service", service.transport());
-    EXPECT_TRUE(xpc.performXPCWithObject(LMDictionary{{u"task", 1}}).isNil());
-    for (const std::string& line : c.logs) EXPECT_TRUE(logged(line)) << line;
+    EXPECT_EQ(c.result, xpc.performXPCWithObject(LMDictionary{{u"task", 1}}));
+    for (const std::string& line : c.logs) EXPECT_TRUE(log_.contains(line)) << line;
   }
 }
 
@@ -171,7 +143,7 @@ TEST_F(XPCClientTest, SynchronousCallWithoutClosureAssertsAndStillCalls) {
     LMXPC xpc("test-service", service.transport());
     xpc.performXPCSynchronousWithObject(LMDictionary{{u"task", 2}}, LMXPC::ReplyBlock());
   }
-  EXPECT_TRUE(logged("(block) failed assertion"));
+  EXPECT_TRUE(log_.contains("(block) failed assertion"));
   ASSERT_EQ(2u, service.requests().size());
   // The warm-up call goes first.
   EXPECT_EQ(LMValue(LMDictionary{{u"__boot", true}}), service.requests()[0]);
