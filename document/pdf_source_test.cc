@@ -78,11 +78,20 @@ void expectLinesAndRunsInStep(const LMPdfSourcePage& page) {
 
   uint64_t next = 0;
   const LMDictionary* previous = nullptr;
+  // A page of many font changes has a run per character: runs of one font
+  // share one dictionary.
+  std::vector<const LMDictionary*> fonts;
   for (const LMAttributeRun& run : page.attributedString().runs) {
     ASSERT_EQ(next, run.range.location);
     ASSERT_GT(run.range.length, 0u);
     if (previous) {
       EXPECT_FALSE(*previous == run.attributes());
+    }
+    if (!run.attributes().empty()) {
+      auto same = std::find_if(fonts.begin(), fonts.end(),
+                               [&](const LMDictionary* font) { return *font == run.attributes(); });
+      if (same == fonts.end()) fonts.push_back(&run.attributes());
+      else EXPECT_EQ(*same, &run.attributes());
     }
     for (uint64_t i = run.range.location; i < run.range.end(); ++i) {
       auto font = page.fontAtIndex(i);
