@@ -15,6 +15,7 @@ void LMFoundNumber::setFeatures(std::optional<LMDictionary> f) {
   if (features_.size() > 0) features_.clear();
   hasFeatures_ = f.has_value();
   if (!f) return;
+  features_.reserve(f->size());
   for (const LMDictionaryEntry& e : *f) features_.set(e.key.view(), e.value);
 }
 
