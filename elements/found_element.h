@@ -86,12 +86,12 @@ class LMFoundElement : public LMObject {
   bool ocr_ = false;
   bool landscape_ = false;
   bool letter_ = false;
+  bool bold_ = false;
   std::optional<std::u16string> string_;
   std::optional<std::u16string> key_;
   // Rarely set, so kept aside (null for nil, nullopt) to keep every element small.
   std::shared_ptr<const LMValue> userInfo_;
   std::shared_ptr<const LMDictionary> debugInfo_;
-  bool bold_ = false;
   double fontSize_ = 0;
   int64_t weightOfFont_ = 0;
 };

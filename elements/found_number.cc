@@ -36,7 +36,7 @@ std::optional<LMDictionary> LMFoundNumber::debugInfo() const {
 
 void LMFoundNumber::setDebugInfo(std::optional<LMDictionary> d) {
   hasKeptNotes_ = false;
-  keptCurrencyCode_.reset();
+  keptCurrencyCode_.assign(std::nullopt);
   LMFoundElement::setDebugInfo(std::move(d));
 }
 
@@ -44,15 +44,15 @@ LMDictionary LMFoundNumber::jsonDictionary() const {
   return jsonDictionaryWith(sortWeight_, currencyCode_, hasFeatures_, features_.size());
 }
 
-LMDictionary LMFoundNumber::jsonDictionaryWith(double sortWeight,
-                                               const std::optional<std::u16string>& currencyCode,
+LMDictionary LMFoundNumber::jsonDictionaryWith(double sortWeight, const LMShortText& currencyCode,
                                                bool hasFeatures, size_t featureWrites) const {
   LMDictionary json = LMFoundElement::jsonDictionary();
   json.set(u"decimalPlaces", static_cast<int64_t>(decimalPlaces_));
   json.set(u"sortWeight", sortWeight);
   json.set(u"places", static_cast<int64_t>(decimalPlaces_));
   json.set(u"number", decimalNumber());
-  json.set(u"currencyCode", currencyCode ? LMValue(*currencyCode) : LMValue::null());
+  const std::optional<std::u16string> code = currencyCode.value();
+  json.set(u"currencyCode", code ? LMValue(*code) : LMValue::null());
   json.set(u"features",
            hasFeatures ? LMValue(features_.dictionary(featureWrites)) : LMValue::null());
   return json;
