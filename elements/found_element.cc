@@ -45,7 +45,7 @@ void LMFoundElement::encodeWithCoder(LMKeyedEncoder& coder) const {
   coder.encodeRect(u"bbox", bbox_);
   coder.encodeObject(u"userInfo", userInfo());
   coder.encodeObject(u"string", lmOptionalText(string_));
-  coder.encodeObject(u"key", lmOptionalText(key_));
+  coder.encodeObject(u"key", lmOptionalText(key_.value()));
 }
 
 void LMFoundElement::initWithCoder(const LMKeyedDecoder& coder) {

@@ -11,6 +11,7 @@
 
 #include "kit/keyed_coding.h"
 #include "kit/rect.h"
+#include "kit/short_text.h"
 #include "kit/text_range.h"
 #include "kit/value.h"
 
@@ -41,9 +42,10 @@ class LMFoundElement : public LMObject {
   // The text as it stands on the page; nullopt when never set.
   const std::optional<std::u16string>& string() const { return string_; }
   void setString(std::optional<std::u16string> s) { string_ = std::move(s); }
-  // The normalised key the recognizer filed the element under.
-  const std::optional<std::u16string>& key() const { return key_; }
-  void setKey(std::optional<std::u16string> k) { key_ = std::move(k); }
+  // The normalised key the recognizer filed the element under; made on each
+  // call from the compact form kept (a currency code, a term's key, or none).
+  std::optional<std::u16string> key() const { return key_.value(); }
+  void setKey(const std::optional<std::u16string>& k) { key_.assign(k); }
   // Free slot for the creator's own data.
   const LMValue& userInfo() const { return userInfo_ ? *userInfo_ : lmNil(); }
   void setUserInfo(LMValue v);
@@ -88,7 +90,7 @@ class LMFoundElement : public LMObject {
   bool letter_ = false;
   bool bold_ = false;
   std::optional<std::u16string> string_;
-  std::optional<std::u16string> key_;
+  LMShortText key_;
   // Rarely set, so kept aside (null for nil, nullopt) to keep every element small.
   std::shared_ptr<const LMValue> userInfo_;
   std::shared_ptr<const LMDictionary> debugInfo_;
