@@ -24,9 +24,10 @@ class LMFoundElement : public LMObject {
   // Index of the page the element was found on.
   int64_t page() const { return page_; }
   void setPage(int64_t page) { page_ = page; }
-  // Bounds of that page.
-  const LMRect& pageBox() const { return pageBox_; }
-  void setPageBox(const LMRect& r) { pageBox_ = r; }
+  // Bounds of that page; the zero rectangle until set. The elements of one
+  // page share one copy of it.
+  const LMRect& pageBox() const;
+  void setPageBox(const LMRect& r);
   // Bounds of the element's text on the page.
   const LMRect& bbox() const { return bbox_; }
   void setBbox(const LMRect& r) { bbox_ = r; }
@@ -82,7 +83,7 @@ class LMFoundElement : public LMObject {
 
  private:
   int64_t page_ = 0;
-  LMRect pageBox_;
+  std::shared_ptr<const LMRect> pageBox_;
   LMRect bbox_;
   LMTextRange range_;
   bool ocr_ = false;
