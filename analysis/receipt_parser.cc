@@ -38,13 +38,14 @@ LMReceiptParser::~LMReceiptParser() = default;
 
 bool LMReceiptParser::work() {
   LMAssert(doc_);
-  text_ = doc_ ? doc_->text() : std::nullopt;
+  text_ = doc_ ? std::shared_ptr<const std::optional<std::u16string>>(doc_, &doc_->text())
+               : nullptr;
   ocr_ = doc_ && doc_->isOCR();
   content_ = std::u16string();
   factors_ = LMDictionary();
   if (stopped()) return false;
-  LMAssert(text_);
-  if (!text_) return true;
+  LMAssert(text());
+  if (!text()) return true;
 
   LMCollectedElements collected = lmCollectElements(*doc_, ocr_, limits_, cancellation_);
   stopReason_ = std::move(collected.stopReason);
@@ -85,6 +86,11 @@ bool LMReceiptParser::work() {
   return true;
 }
 
+const std::optional<std::u16string>& LMReceiptParser::text() const {
+  static const std::optional<std::u16string> kNone;
+  return text_ ? *text_ : kNone;
+}
+
 bool LMReceiptParser::stopped() {
   if (stopReason_.empty()) stopReason_ = lmAnalysisStopReason(cancellation_, doc_.get());
   return !stopReason_.empty();
@@ -94,8 +100,8 @@ LMDictionary LMReceiptParser::result() const {
   LMValue text = LMValue::null();
   if (content_ && !content_->empty()) {
     text = *content_;
-  } else if (text_) {
-    text = *text_;
+  } else if (const std::optional<std::u16string>& whole = this->text()) {
+    text = *whole;
   }
   return LMDictionary{
       {u"ocr", ocr_},

@@ -68,7 +68,8 @@ class LMReceiptParser {
   std::u16string description() const;
 
   // State after work().
-  const std::optional<std::u16string>& text() const { return text_; }
+  // The document's text, which the document keeps (held here, not copied).
+  const std::optional<std::u16string>& text() const;
   bool isOcr() const { return ocr_; }
   const std::optional<Numbers>& numbers() const { return numbers_; }
   const std::optional<Dates>& dates() const { return dates_; }
@@ -99,7 +100,8 @@ class LMReceiptParser {
   LMValue defaultCurrency_;
   LMValue taxes_;
 
-  std::optional<std::u16string> text_;
+  // Points into the document that work() read, and keeps it alive.
+  std::shared_ptr<const std::optional<std::u16string>> text_;
   bool ocr_ = false;
   std::optional<Numbers> numbers_;
   std::optional<Dates> dates_;

@@ -6,6 +6,12 @@
 namespace {
 
 // The keys the recognizers and the stages write; any other key works too.
+// A number's log starts with the writes of its recognizer; a number that the
+// gross and tax stages consider then takes up to this many more. Growing by
+// that much at once, rather than doubling, leaves neither unused room in the
+// log nor the freed smaller buffers behind (many megabytes on a big document).
+constexpr size_t kStageWrites = 9;
+
 constexpr std::array<std::u16string_view, 12> kKnownKeys = {
     u"amount", u"currency", u"places", u"stringOriginal", u"term", u"font_size", u"font_bold",
     u"position_rightness", u"text_decimalplaces_eq_two", u"text_gross_term_nearby",
@@ -47,6 +53,7 @@ void LMFeatureLog::set(std::u16string_view key, LMValue value) {
     last = entry;
     return;
   }
+  if (entries_.size() == entries_.capacity() && !entries_.empty()) reserve(kStageWrites);
   entries_.push_back(entry);
 }
 

@@ -22,6 +22,8 @@ class LMFeatureLog {
   size_t size() const { return entries_.size(); }
   // LMDictionary::set(key, value) on the features.
   void set(std::u16string_view key, LMValue value);
+  // Makes room for `count` more writes at once.
+  void reserve(size_t count) { entries_.reserve(entries_.size() + count); }
   // Empties the features.
   void clear();
   // size(), after which the writes so far stay as they are, so that

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "elements/found_date.h"
 #include "elements/found_number.h"
@@ -15,9 +16,23 @@ LMDictionary rectDictionary(const LMRect& r) {
 
 }  // namespace
 
+const LMRect& LMFoundElement::pageBox() const {
+  static constexpr LMRect kZero;
+  return pageBox_ ? *pageBox_ : kZero;
+}
+
+void LMFoundElement::setPageBox(const LMRect& r) {
+  // Elements are made page by page, so the box of the last call on this
+  // thread is nearly always the one asked for, and one copy serves them all.
+  // Compared bit for bit: -0 must stay -0 and a NaN box its own.
+  thread_local std::shared_ptr<const LMRect> last;
+  if (!last || std::memcmp(last.get(), &r, sizeof r) != 0) last = std::make_shared<const LMRect>(r);
+  pageBox_ = last;
+}
+
 LMDictionary LMFoundElement::jsonDictionary() const {
   return LMDictionary{{u"page", page_},
-                      {u"pageBox", rectDictionary(pageBox_)},
+                      {u"pageBox", rectDictionary(pageBox())},
                       {u"bbox", rectDictionary(bbox_)},
                       {u"ocr", ocr_},
                       {u"bold", bold_},
@@ -41,11 +56,11 @@ void LMFoundElement::setDebugInfo(std::optional<LMDictionary> d) {
 
 void LMFoundElement::encodeWithCoder(LMKeyedEncoder& coder) const {
   coder.encodeInt64(u"page", page_);
-  coder.encodeRect(u"pageBox", pageBox_);
+  coder.encodeRect(u"pageBox", pageBox());
   coder.encodeRect(u"bbox", bbox_);
   coder.encodeObject(u"userInfo", userInfo());
   coder.encodeObject(u"string", lmOptionalText(string_));
-  coder.encodeObject(u"key", lmOptionalText(key_));
+  coder.encodeObject(u"key", lmOptionalText(key_.value()));
 }
 
 void LMFoundElement::initWithCoder(const LMKeyedDecoder& coder) {
@@ -59,6 +74,7 @@ void LMFoundElement::initWithCoder(const LMKeyedDecoder& coder) {
 
 double LMFoundElement::normalizedDistanceToRect(const LMRect& r) const {
   const LMRect& b = bbox_;
+  const LMRect& page = pageBox();
   double dx = 0;
   double dy = 0;
   if (!lmRectIntersects(b, r)) {
@@ -74,12 +90,12 @@ double LMFoundElement::normalizedDistanceToRect(const LMRect& r) const {
   if (lmRectIntersects(LMRect{0, r.y, 1, r.height}, LMRect{0, b.y, 1, b.height})) {
     // Kept on purpose: inside the row band a wider gap scores lower, and a
     // gap of a page width or more scores 0 like touching boxes.
-    double ratio = dx == 0 ? 1 : (pageBox_.width == 0 ? 0 : dx / pageBox_.width);
+    double ratio = dx == 0 ? 1 : (page.width == 0 ? 0 : dx / page.width);
     ratio = std::clamp(ratio, 0.0, 1.0);
     return 1 - ratio;
   }
   if (lmRectIntersects(LMRect{r.x, 0, r.width, 1}, LMRect{b.x, 0, b.width, 1})) {
-    double ratio = dy == 0 ? 1 : (pageBox_.height == 0 ? 0 : dy / pageBox_.height);
+    double ratio = dy == 0 ? 1 : (page.height == 0 ? 0 : dy / page.height);
     ratio = std::clamp(ratio, 0.0, 1.0);
     return 2 - ratio;
   }

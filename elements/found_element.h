@@ -11,6 +11,7 @@
 
 #include "kit/keyed_coding.h"
 #include "kit/rect.h"
+#include "kit/short_text.h"
 #include "kit/text_range.h"
 #include "kit/value.h"
 
@@ -23,9 +24,10 @@ class LMFoundElement : public LMObject {
   // Index of the page the element was found on.
   int64_t page() const { return page_; }
   void setPage(int64_t page) { page_ = page; }
-  // Bounds of that page.
-  const LMRect& pageBox() const { return pageBox_; }
-  void setPageBox(const LMRect& r) { pageBox_ = r; }
+  // Bounds of that page; the zero rectangle until set. The elements of one
+  // page share one copy of it.
+  const LMRect& pageBox() const;
+  void setPageBox(const LMRect& r);
   // Bounds of the element's text on the page.
   const LMRect& bbox() const { return bbox_; }
   void setBbox(const LMRect& r) { bbox_ = r; }
@@ -41,9 +43,10 @@ class LMFoundElement : public LMObject {
   // The text as it stands on the page; nullopt when never set.
   const std::optional<std::u16string>& string() const { return string_; }
   void setString(std::optional<std::u16string> s) { string_ = std::move(s); }
-  // The normalised key the recognizer filed the element under.
-  const std::optional<std::u16string>& key() const { return key_; }
-  void setKey(std::optional<std::u16string> k) { key_ = std::move(k); }
+  // The normalised key the recognizer filed the element under; made on each
+  // call from the compact form kept (a currency code, a term's key, or none).
+  std::optional<std::u16string> key() const { return key_.value(); }
+  void setKey(const std::optional<std::u16string>& k) { key_.assign(k); }
   // Free slot for the creator's own data.
   const LMValue& userInfo() const { return userInfo_ ? *userInfo_ : lmNil(); }
   void setUserInfo(LMValue v);
@@ -80,18 +83,18 @@ class LMFoundElement : public LMObject {
 
  private:
   int64_t page_ = 0;
-  LMRect pageBox_;
+  std::shared_ptr<const LMRect> pageBox_;
   LMRect bbox_;
   LMTextRange range_;
   bool ocr_ = false;
   bool landscape_ = false;
   bool letter_ = false;
+  bool bold_ = false;
   std::optional<std::u16string> string_;
-  std::optional<std::u16string> key_;
+  LMShortText key_;
   // Rarely set, so kept aside (null for nil, nullopt) to keep every element small.
   std::shared_ptr<const LMValue> userInfo_;
   std::shared_ptr<const LMDictionary> debugInfo_;
-  bool bold_ = false;
   double fontSize_ = 0;
   int64_t weightOfFont_ = 0;
 };

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <limits>
+#include <vector>
+
 namespace {
 
 TEST(FoundElementTest, NormalizedDistanceBands) {
@@ -24,6 +28,21 @@ TEST(FoundElementTest, NormalizedDistanceBands) {
     e.setBbox(c.element);
     e.setPageBox(c.page);
     EXPECT_NEAR(c.expected, e.normalizedDistanceToRect(c.other), 1e-9);
+  }
+}
+
+// Elements made one after another share the page box only when it is the
+// same to the bit; each keeps its own as set.
+TEST(FoundElementTest, PageBoxKeptAsSetInEveryOrder) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const LMRect boxes[] = {{0, 0, 595.28, 841.89}, {0, 0, 595.28, 841.89}, {-0.0, 0, 595.28, 841.89},
+                          {0, 0, 842, 595},       {nan, 0, 1, 1},         {nan, 0, 1, 1}};
+  std::vector<LMFoundElement> elements(std::size(boxes));
+  for (size_t i = 0; i < elements.size(); ++i) elements[i].setPageBox(boxes[i]);
+  EXPECT_EQ(LMRect::zero(), LMFoundElement().pageBox());
+  for (size_t i = 0; i < elements.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(0, std::memcmp(&boxes[i], &elements[i].pageBox(), sizeof(LMRect)));
   }
 }
 

@@ -15,6 +15,7 @@ void LMFoundNumber::setFeatures(std::optional<LMDictionary> f) {
   if (features_.size() > 0) features_.clear();
   hasFeatures_ = f.has_value();
   if (!f) return;
+  features_.reserve(f->size());
   for (const LMDictionaryEntry& e : *f) features_.set(e.key.view(), e.value);
 }
 
@@ -35,7 +36,7 @@ std::optional<LMDictionary> LMFoundNumber::debugInfo() const {
 
 void LMFoundNumber::setDebugInfo(std::optional<LMDictionary> d) {
   hasKeptNotes_ = false;
-  keptCurrencyCode_.reset();
+  keptCurrencyCode_.assign(std::nullopt);
   LMFoundElement::setDebugInfo(std::move(d));
 }
 
@@ -43,15 +44,15 @@ LMDictionary LMFoundNumber::jsonDictionary() const {
   return jsonDictionaryWith(sortWeight_, currencyCode_, hasFeatures_, features_.size());
 }
 
-LMDictionary LMFoundNumber::jsonDictionaryWith(double sortWeight,
-                                               const std::optional<std::u16string>& currencyCode,
+LMDictionary LMFoundNumber::jsonDictionaryWith(double sortWeight, const LMShortText& currencyCode,
                                                bool hasFeatures, size_t featureWrites) const {
   LMDictionary json = LMFoundElement::jsonDictionary();
   json.set(u"decimalPlaces", static_cast<int64_t>(decimalPlaces_));
   json.set(u"sortWeight", sortWeight);
   json.set(u"places", static_cast<int64_t>(decimalPlaces_));
   json.set(u"number", decimalNumber());
-  json.set(u"currencyCode", currencyCode ? LMValue(*currencyCode) : LMValue::null());
+  const std::optional<std::u16string> code = currencyCode.value();
+  json.set(u"currencyCode", code ? LMValue(*code) : LMValue::null());
   json.set(u"features",
            hasFeatures ? LMValue(features_.dictionary(featureWrites)) : LMValue::null());
   return json;

@@ -8,6 +8,7 @@
 #include "elements/feature_log.h"
 #include "elements/found_element.h"
 #include "kit/decimal.h"
+#include "kit/short_text.h"
 
 class LMFoundNumber : public LMFoundElement {
  public:
@@ -26,24 +27,27 @@ class LMFoundNumber : public LMFoundElement {
   // Always hundredths: integerValue / 100, whatever decimalPlaces says.
   LMDecimal decimalNumber() const { return LMDecimal::decimalNumberWithAmountInteger(integerValue_); }
   // Nothing in the analysis sets it; it stays false.
-  bool currencyNearby() const { return currencyNearby_; }
-  void setCurrencyNearby(bool v) { currencyNearby_ = v; }
-  const std::optional<std::u16string>& currencyCode() const { return currencyCode_; }
-  void setCurrencyCode(std::optional<std::u16string> c) { currencyCode_ = std::move(c); }
+  bool currencyNearby() const { return unset_.get().currencyNearby; }
+  void setCurrencyNearby(bool v) { unset_.edit().currencyNearby = v; }
+  // Made on each call from the compact form the number keeps.
+  std::optional<std::u16string> currencyCode() const { return currencyCode_.value(); }
+  void setCurrencyCode(const std::optional<std::u16string>& c) { currencyCode_.assign(c); }
   double sortWeight() const { return sortWeight_; }
   void setSortWeight(double v) { sortWeight_ = v; }
-  double taxWeight() const { return taxWeight_; }
-  void setTaxWeight(double v) { taxWeight_ = v; }
-  double grossWeight() const { return grossWeight_; }
-  void setGrossWeight(double v) { grossWeight_ = v; }
-  double netWeight() const { return netWeight_; }
-  void setNetWeight(double v) { netWeight_ = v; }
+  // Nothing in the analysis sets the tax, gross and net weights or the net
+  // factor; they stay 0.
+  double taxWeight() const { return unset_.get().taxWeight; }
+  void setTaxWeight(double v) { unset_.edit().taxWeight = v; }
+  double grossWeight() const { return unset_.get().grossWeight; }
+  void setGrossWeight(double v) { unset_.edit().grossWeight = v; }
+  double netWeight() const { return unset_.get().netWeight; }
+  void setNetWeight(double v) { unset_.edit().netWeight = v; }
   double taxFactor() const { return taxFactor_; }
   void setTaxFactor(double v) { taxFactor_ = v; }
   double grossFactor() const { return grossFactor_; }
   void setGrossFactor(double v) { grossFactor_ = v; }
-  double netFactor() const { return netFactor_; }
-  void setNetFactor(double v) { netFactor_ = v; }
+  double netFactor() const { return unset_.get().netFactor; }
+  void setNetFactor(double v) { unset_.edit().netFactor = v; }
   // Named features of the match, made on each call; nullopt until set.
   std::optional<LMDictionary> features() const;
   bool hasFeatures() const { return hasFeatures_; }
@@ -76,19 +80,45 @@ class LMFoundNumber : public LMFoundElement {
   void initWithCoder(const LMKeyedDecoder& coder) override;
 
  private:
+  // The fields nothing in the analysis sets, kept aside only once one is set
+  // so that the many numbers of a big document stay small. Copies are deep.
+  struct UnsetFields {
+    double taxWeight = 0;
+    double grossWeight = 0;
+    double netWeight = 0;
+    double netFactor = 0;
+    bool currencyNearby = false;
+  };
+  class Aside {
+   public:
+    Aside() = default;
+    Aside(const Aside& o) : p_(o.p_ ? std::make_unique<UnsetFields>(*o.p_) : nullptr) {}
+    Aside& operator=(const Aside& o) {
+      if (this != &o) p_ = o.p_ ? std::make_unique<UnsetFields>(*o.p_) : nullptr;
+      return *this;
+    }
+    const UnsetFields& get() const {
+      static const UnsetFields kNone;
+      return p_ ? *p_ : kNone;
+    }
+    UnsetFields& edit() {
+      if (!p_) p_ = std::make_unique<UnsetFields>();
+      return *p_;
+    }
+
+   private:
+    std::unique_ptr<UnsetFields> p_;
+  };
+
   int64_t integerValue_;
   uint64_t decimalPlaces_;
   std::optional<std::u16string> numberString_;
-  std::optional<std::u16string> currencyCode_;
+  LMShortText currencyCode_;
   double sortWeight_ = 0;
-  double taxWeight_ = 0;
-  double grossWeight_ = 0;
-  double netWeight_ = 0;
   double taxFactor_ = 0;
   double grossFactor_ = 0;
-  double netFactor_ = 0;
+  Aside unset_;
   LMFeatureLog features_;
-  bool currencyNearby_ = false;
   bool hasFeatures_ = false;
 
   // What keepDebugInfo() kept of the fields that change during the analysis
@@ -98,9 +128,8 @@ class LMFoundNumber : public LMFoundElement {
   bool keptHasFeatures_ = false;
   uint32_t keptFeatureWrites_ = 0;
   double keptSortWeight_ = 0;
-  std::optional<std::u16string> keptCurrencyCode_;
+  LMShortText keptCurrencyCode_;
 
-  LMDictionary jsonDictionaryWith(double sortWeight,
-                                  const std::optional<std::u16string>& currencyCode,
+  LMDictionary jsonDictionaryWith(double sortWeight, const LMShortText& currencyCode,
                                   bool hasFeatures, size_t featureWrites) const;
 };

@@ -87,6 +87,31 @@ struct RoleValues {
   }
 };
 
+// The entries of one role by ascending value, in two arrays. The search for
+// gross = net + tax walks the net and tax values once per gross candidate; on
+// a big document the map's scattered nodes made those walks slow.
+struct SortedValues {
+  std::vector<Cents> cents;
+  std::vector<const RoleValues::Entry*> entries;
+
+  explicit SortedValues(const RoleValues& role) {
+    cents.reserve(role.byValue.size());
+    entries.reserve(role.byValue.size());
+    for (const auto& [c, e] : role.byValue) {
+      cents.push_back(c);
+      entries.push_back(&e);
+    }
+  }
+  // Index of the first value above `c`.
+  size_t above(Cents c) const {
+    return static_cast<size_t>(std::upper_bound(cents.begin(), cents.end(), c) - cents.begin());
+  }
+  const RoleValues::Entry* find(Cents c) const {
+    const auto it = std::lower_bound(cents.begin(), cents.end(), c);
+    return it != cents.end() && *it == c ? entries[static_cast<size_t>(it - cents.begin())] : nullptr;
+  }
+};
+
 // "1.234,56-": a minus after the amount, as bookkeeping prints credits.
 bool followedByMinus(std::u16string_view text, const LMFoundElement& e) {
   const LMTextRange r = e.range();
@@ -420,6 +445,8 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
   // decides among labelled totals, it does not make one of a line amount.
   const double strongest = grossList.empty() ? 0 : grossList.front()->score;
   std::vector<Combination> combos;
+  const SortedValues netValues(net);
+  const SortedValues taxValues(tax);
   for (const RoleValues::Entry* g : grossList) {
     if (g->score < kPlausibleGross * strongest) continue;
     const Cents total = g->cents;
@@ -428,9 +455,11 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     alone.g = g;
     alone.score = kGrossWeight * g->score;
     combos.push_back(alone);
-    for (const auto& [n, ne] : net.byValue) {
-      if (n <= 0 || n >= total) continue;
-      const RoleValues::Entry* te = tax.find(total - n);
+    // The values in (0, total), in the map's order.
+    for (size_t i = netValues.above(0); i < netValues.cents.size() && netValues.cents[i] < total; ++i) {
+      const Cents n = netValues.cents[i];
+      const RoleValues::Entry& ne = *netValues.entries[i];
+      const RoleValues::Entry* te = taxValues.find(total - n);
       if (!te || ne.score + te->score < 0.4 || te->amount == g->amount || ne.amount == g->amount) continue;
       Combination c = alone;
       c.net = n;
@@ -444,8 +473,10 @@ LMAmountChoice lmChooseAmounts(const LMReceiptParser& parser, const LMTextLayout
     }
     // Prices that include the tax: the page prints the gross and the tax it
     // holds ("incl. 15% GST 28.72"), and the net is their difference.
-    for (const auto& [t, te] : tax.byValue) {
-      if (t <= 0 || t >= total || te.score < 0.5 || te.amount == g->amount || net.find(total - t)) continue;
+    for (size_t i = taxValues.above(0); i < taxValues.cents.size() && taxValues.cents[i] < total; ++i) {
+      const Cents t = taxValues.cents[i];
+      const RoleValues::Entry& te = *taxValues.entries[i];
+      if (te.score < 0.5 || te.amount == g->amount || netValues.find(total - t)) continue;
       std::optional<LMDecimal> r = fittingRate(total - t, t);
       if (!r) r = includedRate(total, t);
       if (!r) continue;

@@ -22,56 +22,6 @@ char* putNumber(char* p, double d) {
 
 }  // namespace
 
-LMRect LMRect::null() {
-  constexpr double inf = std::numeric_limits<double>::infinity();
-  return LMRect{inf, inf, 0, 0};
-}
-
-LMRect LMRect::infinite() {
-  constexpr double big = std::numeric_limits<double>::max();
-  return LMRect{-big / 2, -big / 2, big, big};
-}
-
-bool LMRect::isNull() const { return std::isinf(x) && x > 0 && std::isinf(y) && y > 0; }
-
-bool LMRect::isInfinite() const { return *this == infinite(); }
-
-bool LMRect::isEmpty() const { return isNull() || width == 0 || height == 0; }
-
-LMRect LMRect::standardized() const {
-  if (isNull()) return *this;
-  LMRect r = *this;
-  if (r.width < 0) r.x += r.width, r.width = -r.width;
-  if (r.height < 0) r.y += r.height, r.height = -r.height;
-  return r;
-}
-
-double LMRect::maxX() const {
-  const LMRect r = standardized();
-  return r.x + r.width;
-}
-
-double LMRect::maxY() const {
-  const LMRect r = standardized();
-  return r.y + r.height;
-}
-
-LMRect lmRectIntersection(const LMRect& a, const LMRect& b) {
-  if (a.isEmpty() || b.isEmpty()) return LMRect::null();
-  const LMRect p = a.standardized();
-  const LMRect q = b.standardized();
-  const double x0 = std::max(p.x, q.x);
-  const double y0 = std::max(p.y, q.y);
-  const double x1 = std::min(p.x + p.width, q.x + q.width);
-  const double y1 = std::min(p.y + p.height, q.y + q.height);
-  if (!(x0 < x1) || !(y0 < y1)) return LMRect::null();
-  return LMRect{x0, y0, x1 - x0, y1 - y0};
-}
-
-bool lmRectIntersects(const LMRect& a, const LMRect& b) {
-  return !lmRectIntersection(a, b).isNull();
-}
-
 LMRect lmRectUnion(const LMRect& a, const LMRect& b) {
   if (a.isNull()) return b;
   if (b.isNull()) return a;
