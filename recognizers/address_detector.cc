@@ -528,4 +528,9 @@ std::vector<LMDetectedItem> findAddresses(std::u16string_view text) {
   return kept;
 }
 
+void prepareAddresses() {
+  germanAddressExpression();
+  numberFirstAddressExpression();
+}
+
 }  // namespace lm_detector

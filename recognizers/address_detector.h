@@ -14,5 +14,7 @@ namespace lm_detector {
 // two overlap (of overlapping ones the earlier start wins, then the longer
 // range). Thread-safe.
 std::vector<LMDetectedItem> findAddresses(std::u16string_view text);
+// Compiles the address patterns now instead of at the first search.
+void prepareAddresses();
 
 }  // namespace lm_detector

@@ -287,4 +287,6 @@ std::vector<LMDetectedItem> findDates(std::u16string_view text) {
   return items;
 }
 
+void prepareDates() { dateExpression(); }
+
 }  // namespace lm_detector

@@ -13,5 +13,7 @@ namespace lm_detector {
 // Every date in `text` as a kDate item, in text order; days that do not
 // exist in their month are left out. Thread-safe.
 std::vector<LMDetectedItem> findDates(std::u16string_view text);
+// Compiles the date pattern now instead of at the first search.
+void prepareDates();
 
 }  // namespace lm_detector

@@ -134,4 +134,6 @@ std::vector<LMDetectedItem> findMailAddresses(std::u16string_view text,
   return items;
 }
 
+void prepareLinks() { linkExpression(); }
+
 }  // namespace lm_detector

@@ -16,5 +16,7 @@ std::vector<LMDetectedItem> findURLs(std::u16string_view text);
 // in URLs). Thread-safe.
 std::vector<LMDetectedItem> findMailAddresses(std::u16string_view text,
                                               const std::vector<LMDetectedItem>& urls);
+// Compiles the link pattern now instead of at the first search.
+void prepareLinks();
 
 }  // namespace lm_detector
