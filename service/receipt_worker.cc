@@ -58,6 +58,10 @@ std::optional<LMDictionary> LMXPCWorker::analyze(const LMData& bytes, const LMFa
   if (!pdf) return fail(u"Could not open document");
   if (auto exceeded = pdf->limitExceeded()) return fail(*exceeded);
   auto document = std::make_shared<LMReceiptDocument>(pdf);
+  // The pages' text before the first pattern: in a fresh process the first
+  // pattern compiled waits for ICU to load its data, which the command
+  // line's preparing thread is doing meanwhile.
+  document->text();
   document->setOcr(pdf->isOCRDocument());
 
   LMReceiptParser parser;

@@ -24,6 +24,7 @@
 #include "kit/unicode.h"
 #include "kit/value.h"
 #include "facts/facts_format.h"
+#include "recognizers/preparation.h"
 #include "service/receipt_worker.h"
 #include "service/xpc_client.h"
 
@@ -425,5 +426,9 @@ int main(int argc, char** argv) {
   if (options.files.empty()) return usageError("no FILE given");
   if (!options.verbose) lmSetLogSink([](std::string_view) {});
   if (options.viaService) return call(std::move(options));
+  // A fresh process would spend half of a one-page analysis compiling the
+  // recognizers' patterns after opening the document; a second thread
+  // compiles them while the first opens it.
+  std::jthread preparing(lmPrepareRecognizers);
   return analyze(options, [](LMDictionary&& task) { return lmPerformReceiptTask(std::move(task)); });
 }
