@@ -151,19 +151,19 @@ class LMMuPdfPage final : public LMPdfSourcePage {
   LMRect mediaBox() const override { return mediaBox_; }
 
   const std::u16string& string() const override {
-    extract();
+    extract(false);
     return text_->string;
   }
   const LMAttributedString& attributedString() const override {
-    extract();
+    extract(false);
     return *text_;
   }
   LMAttributedStringRef sharedAttributedString() const override {
-    extract();
+    extract(false);
     return LMAttributedStringRef{text_};
   }
   const std::vector<LMPdfTextLine>& lines() const override {
-    extract();
+    extract(false);
     return lines_;
   }
 
@@ -209,12 +209,31 @@ class LMMuPdfPage final : public LMPdfSourcePage {
     uint32_t font;
   };
 
-  // Builds the text model on first use. A page beyond a bound of the
-  // document's limits keeps no text and records the bound.
-  void extract() const {
-    if (extracted_) return;
-    extracted_ = true;
-    if (document_->stopped()) return;
+  // Builds the text model on first use; `boxes`: the characters' boxes and
+  // fonts are wanted, not only the text and lines. A page read before in this
+  // document takes its text and lines from the document's kept copy and is
+  // read from MuPDF again only for boxes. A page beyond a bound of the
+  // document's limits keeps no text and records the bound; once the document
+  // is stopped, nothing more is read.
+  void extract(bool boxes = true) const {
+    if (extracted_ && (boxed_ || !boxes)) return;
+    if (document_->stopped()) {
+      extracted_ = boxed_ = true;
+      return;
+    }
+    if (!extracted_ && !boxes) {
+      if (const LMMuPdfState::PageText* kept = document_->keptText(index_)) {
+        extracted_ = true;
+        text_ = kept->text;
+        lines_ = kept->lines;
+        return;
+      }
+    }
+    if (extracted_) {  // the kept text: read again for the boxes
+      text_ = std::make_shared<LMAttributedString>();
+      lines_.clear();
+    }
+    extracted_ = boxed_ = true;
     fz_context* ctx = document_->ctx();
     const LMAnalysisLimits& limits = document_->limits();
     fz_cookie cookie{};
@@ -253,6 +272,7 @@ class LMMuPdfPage final : public LMPdfSourcePage {
     } else if (!document_->chargePage(index_, static_cast<int64_t>(text_->string.size()))) {
       document_->exceed(lmLimitMessage(limits.maxDocumentCharacters, u"characters in the document"));
     } else {
+      document_->keepText(index_, {text_, lines_});
       return;
     }
     clearText();
@@ -349,6 +369,7 @@ class LMMuPdfPage final : public LMPdfSourcePage {
 
   // The text model, built on first use (one thread uses a page at a time).
   mutable bool extracted_ = false;
+  mutable bool boxed_ = false;  // chars_, fonts_ and unitChars_ built too
   // Shared with whoever keeps the page's text beyond the page.
   mutable std::shared_ptr<LMAttributedString> text_ = std::make_shared<LMAttributedString>();
   mutable std::vector<LMPdfTextLine> lines_;

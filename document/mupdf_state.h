@@ -101,6 +101,27 @@ class LMMuPdfState {
     return documentUnits_ <= limits_.maxDocumentCharacters;
   }
 
+  // A page's text and lines, kept for the document's life once the page has
+  // been read. A long document drops the pages it is not using and reads one
+  // again from MuPDF when its character boxes are wanted, but not for what
+  // needs only its text: the document's text, the reply's pages, the facts.
+  // Within the document's bound on characters, and the reply holds the same
+  // texts in the end.
+  struct PageText {
+    std::shared_ptr<LMAttributedString> text;
+    std::vector<LMPdfTextLine> lines;
+  };
+  // Null when page `index` has not been read in full yet.
+  const PageText* keptText(int64_t index) const {
+    const auto i = static_cast<size_t>(index);
+    return i < kept_.size() && kept_[i].text ? &kept_[i] : nullptr;
+  }
+  void keepText(int64_t index, PageText text) {
+    const auto i = static_cast<size_t>(index);
+    if (kept_.size() <= i) kept_.resize(i + 1);
+    if (!kept_[i].text) kept_[i] = std::move(text);
+  }
+
  private:
   // Fonts and other resources MuPDF keeps while a document is open. The
   // service reads text only (images are never decoded), so a modest store is
@@ -119,6 +140,7 @@ class LMMuPdfState {
   fz_alloc_context allocator_{};
   std::optional<std::u16string> limitExceeded_;
   std::vector<bool> counted_;
+  std::vector<PageText> kept_;
   int64_t documentUnits_ = 0;
   fz_context* ctx_ = nullptr;
   pdf_document* doc_ = nullptr;

@@ -113,7 +113,9 @@ class LMPdfSource {
   // Page `index`, or null when the index is out of range or the page cannot
   // be read. A file of up to 64 pages keeps the pages it made until their
   // texts reach 500,000 characters; a longer or fuller one keeps a page only
-  // while a caller holds it, and makes it again later.
+  // while a caller holds it, and makes it again later: with the text and
+  // lines it read before, reading the page from the PDF again only when its
+  // character boxes or fonts are asked for.
   virtual std::shared_ptr<const LMPdfSourcePage> pageAtIndex(int64_t index) const = 0;
   // The document information's Creator and Producer; nullopt when absent.
   virtual std::optional<std::u16string> creator() const = 0;

@@ -295,6 +295,28 @@ TEST(PdfSourceTest, PagesOutliveTheirFileAndBytes) {
   EXPECT_EQ(u"Zweite Seite", page->string());
 }
 
+TEST(PdfSourceTest, ALongDocumentKeepsADroppedPagesTextButReadsItsBoxesAgain) {
+  // Beyond 64 pages a page lives only while it is held.
+  std::vector<std::string> contents(65, lmGeneratedLines(3, "Summe 12,34 EUR", 8, 12));
+  auto file = lmOpenPdfSource(lmGeneratedPdf(contents));
+  ASSERT_TRUE(file);
+  LMAttributedStringRef text;
+  LMRect bounds;
+  {
+    auto page = file->pageAtIndex(64);
+    ASSERT_TRUE(page);
+    text = page->sharedAttributedString();
+    bounds = page->boundsForRange(LMTextRange::make(6, 5));
+  }
+  auto again = file->pageAtIndex(64);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(text.text.get(), &again->attributedString());  // kept, not read again
+  EXPECT_EQ(3u, again->lines().size());
+  EXPECT_FALSE(bounds.isNull());
+  EXPECT_EQ(bounds, again->boundsForRange(LMTextRange::make(6, 5)));
+  EXPECT_EQ(text.text->string, again->string());
+}
+
 TEST(PdfSourceTest, DocumentsAreReadOnSeveralThreadsAtOnce) {
   LMLogCapture log;  // broken_xref.pdf reports its repair
   std::vector<std::vector<uint8_t>> bytes;

@@ -84,8 +84,8 @@ std::optional<LMDictionary> LMXPCWorker::analyze(const LMData& bytes, const LMFa
       pages.emplace_back(LMAttributedString());
     }
   }
-  // Reading a long document's pages once more can still run into MuPDF's
-  // memory bound.
+  // The pages' texts were kept when the analysis read them; a page read here
+  // for the first time could still run into a bound.
   if (auto exceeded = pdf->limitExceeded()) return fail(*exceeded);
   LMDictionary result = parser.result();
   result.set(u"pages", std::move(pages));
