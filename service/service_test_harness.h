@@ -119,14 +119,10 @@ inline int connectTo(const std::string& path) {
 }
 
 // Sends `bytes` (a failed send is fine: the service may refuse early), then
-// half-closes when asked and reads the reply.
+// half-closes when asked and reads the reply (no whole frame when the
+// connection failed).
 inline Reply callRaw(const std::string& path, const Bytes& bytes, bool halfClose = false) {
   const int fd = connectTo(path);
-  if (fd < 0) {
-    Reply reply;
-    reply.problem = "cannot connect";
-    return reply;
-  }
   for (size_t sent = 0; sent < bytes.size();) {
     const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n <= 0) break;
