@@ -113,6 +113,11 @@ class ServerTest : public ServiceHarness {
 
 TEST_F(ServerTest, CallsRunInParallelUpToTheWorkers) {
   start({.workers = 2});
+  // The listener's socket is private from the start.
+  struct stat st {};
+  ASSERT_EQ(0, stat(path_.c_str(), &st));
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(0600u, st.st_mode & 0777);
   std::vector<int> fds = {call(), call(), call()};
   ASSERT_TRUE(waitForRunning(2));
   // The third waits for a worker while two run.

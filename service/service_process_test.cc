@@ -151,15 +151,6 @@ TEST_F(ServiceProcessTest, ParallelClientsEachGetTheirOwnReply) {
   EXPECT_LE(afterKb, idleKb + kMarginKb) << "idle " << idleKb << " kB";
 }
 
-// What SIGTERM does to the socket is checked under the limits, where the
-// signal also comes during a call.
-TEST_F(ServiceProcessTest, SocketIsPrivate) {
-  struct stat st {};
-  ASSERT_EQ(0, stat(socketPath_.c_str(), &st));
-  EXPECT_TRUE(S_ISSOCK(st.st_mode));
-  EXPECT_EQ(0600u, st.st_mode & 0777);
-}
-
 using ServiceStartTest = ServiceHarness;
 
 TEST_F(ServiceStartTest, OnlyOneInstanceServesASocket) {
