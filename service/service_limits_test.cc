@@ -12,21 +12,6 @@ namespace {
 
 using namespace lm_test;
 
-// Sends `bytes` on a new connection and leaves it open for the reply.
-int sendOnly(const std::string& path, const Bytes& bytes) {
-  const int fd = connectTo(path);
-  if (fd >= 0) {
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
-  }
-  return fd;
-}
-
-Reply replyOn(int fd) {
-  Reply reply = readReply(fd);
-  close(fd);
-  return reply;
-}
-
 class ServiceLimitsTest : public ServiceHarness {
  protected:
   // Starts the service with `env` and waits for its socket.

@@ -118,6 +118,21 @@ inline int connectTo(const std::string& path) {
   return fd;
 }
 
+// Sends `bytes` on a new connection and leaves it open for the reply.
+inline int sendOnly(const std::string& path, const Bytes& bytes) {
+  const int fd = connectTo(path);
+  if (fd >= 0) {
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+  }
+  return fd;
+}
+
+inline Reply replyOn(int fd) {
+  Reply reply = readReply(fd);
+  close(fd);
+  return reply;
+}
+
 // Sends `bytes` (a failed send is fine: the service may refuse early), then
 // half-closes when asked and reads the reply (no whole frame when the
 // connection failed).
@@ -129,9 +144,7 @@ inline Reply callRaw(const std::string& path, const Bytes& bytes, bool halfClose
     sent += static_cast<size_t>(n);
   }
   if (halfClose) shutdown(fd, SHUT_WR);
-  Reply reply = readReply(fd);
-  close(fd);
-  return reply;
+  return replyOn(fd);
 }
 
 inline bool alive(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
