@@ -28,14 +28,6 @@ std::shared_ptr<LMPdfSource> openFixture(const std::string& name) {
   return lmOpenPdfSource(lmTestdataBytes(name));
 }
 
-const json& descriptions() {
-  static const json* all = [] {
-    std::ifstream in(std::string(LM_TESTDATA_DIR) + "/fixtures.json");
-    return new json(json::parse(in));
-  }();
-  return *all;
-}
-
 std::optional<std::u16string> optionalText(const json& value) {
   if (value.is_null()) return std::nullopt;
   return lmUtf16(value.get<std::string>());
@@ -128,7 +120,9 @@ void expectDescribedLines(const LMPdfSourcePage& page, const json& lines) {
 }
 
 TEST(PdfSourceTest, ReadsEveryFixtureAsItsDescriptionSays) {
-  for (const auto& [name, fixture] : descriptions().items()) {
+  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/fixtures.json");
+  const json descriptions = json::parse(in);
+  for (const auto& [name, fixture] : descriptions.items()) {
     SCOPED_TRACE(name);
     LMLogCapture log;
     testing::internal::CaptureStderr();
