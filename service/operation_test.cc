@@ -18,9 +18,6 @@ namespace {
 
 using OperationTest = LMQuietTest;
 
-// Gives another thread a chance to run, so that overlapping work would show.
-void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
-
 TEST_F(OperationTest, CancelledOperationsFinishWithoutRunningTheirWork) {
   struct Case {
     const char* name;
@@ -113,7 +110,8 @@ TEST_F(OperationTest, CountOfOneRunsOperationsOneAtATimeInOrder) {
     queue.addBlock([&, i](LMOperation&) {
       const int now = ++active;
       mostActive = std::max(mostActive.load(), now);
-      pause();
+      // Gives another operation a chance to run, so that overlapping work would show.
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
       {
         std::lock_guard<std::mutex> lock(mutex);
         order.push_back(i);
