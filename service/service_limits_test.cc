@@ -20,9 +20,12 @@ class ServiceLimitsTest : public ServiceHarness {
     EXPECT_TRUE(waitForSocket(pid, socketPath_)) << log();
     return pid;
   }
-  // A call that takes a second (200 pages) or more, sent; its worker has started.
+  // A call that takes a second (200 pages) or more, sent; its worker has
+  // started. Its pages, full of amounts and dates, are slow to analyse (about
+  // a second per 100-200 pages here) and small to send.
   int slowCall(size_t logFrom = 0, int pages = 600) {
-    const int fd = sendOnly(socketPath_, requestFrame(LMDictionary{{u"data", slowPdf(pages)}}));
+    const std::string page = lmGeneratedLines(45, "Position 7 Betrag 17,27 EUR MwSt 19% am 07.07.2026 Summe", 9, 17);
+    const int fd = sendOnly(socketPath_, requestFrame(LMDictionary{{u"data", lmGeneratedPdf({page}, pages)}}));
     EXPECT_TRUE(waitForLog("==> XPC work on task", logFrom)) << log();
     return fd;
   }

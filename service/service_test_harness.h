@@ -76,19 +76,21 @@ struct Reply {
   LMValue result;
 };
 
-// Reads one frame, then the end of the stream.
-inline Reply readReply(int fd) {
+// Reads one frame, then the end of the stream, and closes `fd`.
+inline Reply replyOn(int fd) {
   Reply reply;
   LMFrame frame, after;
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  if (lmReadFrame(fd, deadline, &frame) != LMFrameStatus::kOk) {
-    reply.problem = "no whole frame";
-    return reply;
-  }
+  const bool whole = lmReadFrame(fd, deadline, &frame) == LMFrameStatus::kOk;
   // A peer that closes with unread input resets the connection instead.
-  const LMFrameStatus end = lmReadFrame(fd, deadline, &after);
+  const LMFrameStatus end = whole ? lmReadFrame(fd, deadline, &after) : LMFrameStatus::kClosed;
   if (end != LMFrameStatus::kClosed && !(end == LMFrameStatus::kFailed && errno == ECONNRESET)) {
     reply.problem = "more than one frame";
+  }
+  close(fd);
+  if (!whole) {
+    reply.problem = "no whole frame";
+    return reply;
   }
   reply.kind = frame.kind;
   if (frame.kind == kLMFrameError) {
@@ -125,12 +127,6 @@ inline int sendOnly(const std::string& path, const Bytes& bytes) {
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
   }
   return fd;
-}
-
-inline Reply replyOn(int fd) {
-  Reply reply = readReply(fd);
-  close(fd);
-  return reply;
 }
 
 // Sends `bytes` (a failed send is fine: the service may refuse early), then
@@ -280,13 +276,5 @@ class ServiceHarness : public testing::Test {
   std::vector<pid_t> pids_;
   std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
 };
-
-
-// A PDF of `pages` pages full of amounts and dates: slow to analyse (about
-// a second per 100-200 pages here), small to send.
-inline Bytes slowPdf(int pages) {
-  const char* line = "Position 7 Betrag 17,27 EUR MwSt 19% am 07.07.2026 Summe";
-  return lmGeneratedPdf({lmGeneratedLines(45, line, 9, 17)}, pages);
-}
 
 }  // namespace lm_test
