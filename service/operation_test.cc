@@ -65,7 +65,8 @@ class GatedOperation : public LMOperationConcurrent {
 
 TEST_F(OperationTest, CancelledBetweenStartAndMainStaysExecuting) {
   std::atomic<int> runs{0};
-  // Work that ran by mistake would leave the operation executing, but count.
+  // Work run by mistake is counted; it leaves the operation executing, so
+  // main returns either way.
   auto operation = std::make_shared<GatedOperation>([&](LMOperation&) { ++runs; }, LMOperation::Block());
   operation->start();
   operation->cancel();
