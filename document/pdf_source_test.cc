@@ -28,14 +28,6 @@ std::shared_ptr<LMPdfSource> openFixture(const std::string& name) {
   return lmOpenPdfSource(lmTestdataBytes(name));
 }
 
-const json& descriptions() {
-  static const json* all = [] {
-    std::ifstream in(std::string(LM_TESTDATA_DIR) + "/fixtures.json");
-    return new json(json::parse(in));
-  }();
-  return *all;
-}
-
 std::optional<std::u16string> optionalText(const json& value) {
   if (value.is_null()) return std::nullopt;
   return lmUtf16(value.get<std::string>());
@@ -128,7 +120,9 @@ void expectDescribedLines(const LMPdfSourcePage& page, const json& lines) {
 }
 
 TEST(PdfSourceTest, ReadsEveryFixtureAsItsDescriptionSays) {
-  for (const auto& [name, fixture] : descriptions().items()) {
+  std::ifstream in(std::string(LM_TESTDATA_DIR) + "/fixtures.json");
+  const json descriptions = json::parse(in);
+  for (const auto& [name, fixture] : descriptions.items()) {
     SCOPED_TRACE(name);
     LMLogCapture log;
     testing::internal::CaptureStderr();
@@ -208,7 +202,7 @@ TEST(PdfSourceTest, TruncatedFileOpensRepairedWithAnEmptyPage) {
   EXPECT_NE(std::string::npos, lines[0].find("MuPDF reported")) << lines[0];
 }
 
-TEST(PdfSourceTest, RangesOutsideTheTextGiveNullAndEmptyOnesZero) {
+TEST(PdfSourceTest, BoundsUniteTheSelectedCharactersAndAreNullOutsideTheText) {
   auto file = openFixture("pdf/a4_portrait.pdf");
   ASSERT_TRUE(file);
   auto page = file->pageAtIndex(0);
@@ -236,18 +230,14 @@ TEST(PdfSourceTest, RangesOutsideTheTextGiveNullAndEmptyOnesZero) {
   }
   // No font for an inserted line break or beyond the text.
   for (uint64_t index : {lineBreak, length, huge}) EXPECT_FALSE(page->fontAtIndex(index));
-}
 
-TEST(PdfSourceTest, BoundsForRangeUnitesTheSelectedCharacters) {
-  auto file = openFixture("pdf/a4_portrait.pdf");
-  ASSERT_TRUE(file);
-  auto page = file->pageAtIndex(0);
+  // Within the text the bounds unite the selected characters.
   const auto& lines = page->lines();
   ASSERT_EQ(3u, lines.size());
   // A whole line: its own bounds. The whole page: all lines.
   expectNear(lines[1].bounds, page->boundsForRange(lines[1].range), 1e-9);
   LMRect all = lmRectUnion(lmRectUnion(lines[0].bounds, lines[1].bounds), lines[2].bounds);
-  expectNear(all, page->boundsForRange(LMTextRange::make(0, page->string().size())), 1e-9);
+  expectNear(all, page->boundsForRange(LMTextRange::make(0, length)), 1e-9);
   // Across a line break: the two lines' parts, the break adds nothing.
   const uint64_t breakAt = lines[0].range.end();
   const LMRect across = page->boundsForRange(LMTextRange::make(breakAt - 1, 3));

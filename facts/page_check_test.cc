@@ -12,8 +12,6 @@ std::unique_ptr<lmtest::Parsed> analysed(const char16_t* text) {
   return lmtest::analyse({{text, 72, 700}});
 }
 
-LMDecimal money(const char* text) { return *LMDecimal::fromString(std::string_view(text)); }
-
 }  // namespace
 
 TEST(PageCheckTest, FindsAmountsInTheirPrintedForms) {
@@ -28,7 +26,7 @@ TEST(PageCheckTest, FindsAmountsInTheirPrintedForms) {
                {"12345", false},  {"123.45", false}, {"879", false}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.amount);
-    EXPECT_EQ(c.shown, lmPageShowsAmount(parsed->parser, money(c.amount)));
+    EXPECT_EQ(c.shown, lmPageShowsAmount(parsed->parser, *LMDecimal::fromString(std::string_view(c.amount))));
   }
 }
 

@@ -16,7 +16,7 @@
 #include "kit/diagnostics.h"
 
 // Collects log entries while it exists instead of writing them to standard
-// error. Thread-safe.
+// error. Thread-safe; not copyable (its mutex is not).
 class LMLogCapture {
  public:
   LMLogCapture() {
@@ -26,8 +26,6 @@ class LMLogCapture {
     });
   }
   ~LMLogCapture() { lmSetLogSink(nullptr); }
-  LMLogCapture(const LMLogCapture&) = delete;
-  LMLogCapture& operator=(const LMLogCapture&) = delete;
 
   // The entries as written, "date time process[pid:tid] " prefix included.
   std::vector<std::string> fullLines() const {
@@ -73,8 +71,6 @@ class LMTimeZoneScope {
     icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone(icu::UnicodeString(id)));
   }
   ~LMTimeZoneScope() { icu::TimeZone::adoptDefault(previous_.release()); }
-  LMTimeZoneScope(const LMTimeZoneScope&) = delete;
-  LMTimeZoneScope& operator=(const LMTimeZoneScope&) = delete;
 
  private:
   std::unique_ptr<icu::TimeZone> previous_;

@@ -105,7 +105,7 @@ inline std::string failureOf(const std::vector<uint8_t>& bytes, const LMUnarchiv
 
 // A text that tells every kind apart (the value tree's == compares numbers
 // across kinds): doubles by their bits, decimals by their parts, dictionary
-// keys in order (or sorted), elements by class.
+// keys in order (or sorted).
 inline std::string dump(const LMValue& v, bool sortKeys = false) {
   auto text = [](std::u16string_view s) { return '"' + lmUtf8(s) + '"'; };
   switch (v.kind()) {
@@ -139,8 +139,6 @@ inline std::string dump(const LMValue& v, bool sortKeys = false) {
                dump(r.attributes(), sortKeys);
       return out;
     }
-    case LMValueKind::kObject:
-      return "<" + lmUtf8(v.asObject()->className()) + ">";
     case LMValueKind::kString:
       return text(*v.asString());
     default:  // nil, null, booleans, integers, data

@@ -23,15 +23,25 @@ TEST_F(ReceiptWorkerTest, ADocumentWithoutPagesHasNoPages) {
   EXPECT_EQ(LMValue(LMArray()), empty.result->at(u"pages"));
 }
 
+// The one reply of `worker` to `request`.
+LMXPCReply perform(LMXPCBaseWorker& worker, LMValue request) {
+  LMXPCReply reply;
+  int calls = 0;
+  worker.performWithObject(std::move(request), [&](LMXPCReply r) {
+    reply = std::move(r);
+    ++calls;
+  });
+  EXPECT_EQ(1, calls);
+  return reply;
+}
+
 // The reply of a worker with `limits` (and `cancellation`) to `task`.
 LMXPCReply performWith(LMDictionary task, const LMAnalysisLimits& limits = {},
                        std::shared_ptr<LMCancellation> cancellation = nullptr) {
   LMXPCWorker worker;
   worker.setLimits(limits);
   worker.setCancellation(std::move(cancellation));
-  LMXPCReply reply;
-  worker.performWithObject(std::move(task), [&](LMXPCReply r) { reply = std::move(r); });
-  return reply;
+  return perform(worker, std::move(task));
 }
 
 TEST_F(ReceiptWorkerTest, BadTasksAndDocumentsBeyondTheLimitsGetAnErrorReply) {
@@ -102,17 +112,6 @@ class ThrowingWorker : public LMXPCBaseWorker {
 class SilentErrorWorker : public LMXPCBaseWorker {
   void work() override { doneWithErrorMessage(u""); }
 };
-
-LMXPCReply perform(LMXPCBaseWorker& worker, LMValue request) {
-  LMXPCReply reply;
-  int calls = 0;
-  worker.performWithObject(std::move(request), [&](LMXPCReply r) {
-    reply = std::move(r);
-    ++calls;
-  });
-  EXPECT_EQ(1, calls);
-  return reply;
-}
 
 TEST_F(WorkerRuntimeTest, ExactlyOneReplyForEveryKindOfWork) {
   LMXPCBaseWorker base;

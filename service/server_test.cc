@@ -86,21 +86,12 @@ class ServerTest : public ServiceHarness {
     return gate_.changed.wait_for(lock, kPatience, [&] { return gate_.running == count; });
   }
   // Sends an empty request on a new connection.
-  int call() {
-    const int fd = connectTo(path_);
-    const auto header = lmFrameHeader(kLMFrameRequest, 0);
-    EXPECT_EQ(16, write(fd, header.data(), header.size()));
-    return fd;
-  }
+  int call() { return sendOnly(path_, frame(0, {})); }
   // The reply's error message; "result" for a result.
   std::u16string reply(int fd) {
-    LMFrame frame;
-    const LMFrameStatus status = lmReadFrame(fd, std::chrono::steady_clock::now() + kPatience, &frame);
-    close(fd);
-    if (status != LMFrameStatus::kOk) return u"no reply";
-    if (frame.kind == kLMFrameResult) return u"result";
-    auto error = lmParseErrorPayload(frame.payload);
-    return error ? error->message : u"malformed error";
+    const Reply r = replyOn(fd);
+    if (!r.problem.empty()) return lmUtf16(r.problem);
+    return r.kind == kLMFrameResult ? u"result" : r.message;
   }
 
   LMLogCapture log_;
@@ -113,6 +104,11 @@ class ServerTest : public ServiceHarness {
 
 TEST_F(ServerTest, CallsRunInParallelUpToTheWorkers) {
   start({.workers = 2});
+  // The listener's socket is private from the start.
+  struct stat st {};
+  ASSERT_EQ(0, stat(path_.c_str(), &st));
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(0600u, st.st_mode & 0777);
   std::vector<int> fds = {call(), call(), call()};
   ASSERT_TRUE(waitForRunning(2));
   // The third waits for a worker while two run.

@@ -76,19 +76,21 @@ struct Reply {
   LMValue result;
 };
 
-// Reads one frame, then the end of the stream.
-inline Reply readReply(int fd) {
+// Reads one frame, then the end of the stream, and closes `fd`.
+inline Reply replyOn(int fd) {
   Reply reply;
   LMFrame frame, after;
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  if (lmReadFrame(fd, deadline, &frame) != LMFrameStatus::kOk) {
-    reply.problem = "no whole frame";
-    return reply;
-  }
+  const bool whole = lmReadFrame(fd, deadline, &frame) == LMFrameStatus::kOk;
   // A peer that closes with unread input resets the connection instead.
-  const LMFrameStatus end = lmReadFrame(fd, deadline, &after);
+  const LMFrameStatus end = whole ? lmReadFrame(fd, deadline, &after) : LMFrameStatus::kClosed;
   if (end != LMFrameStatus::kClosed && !(end == LMFrameStatus::kFailed && errno == ECONNRESET)) {
     reply.problem = "more than one frame";
+  }
+  close(fd);
+  if (!whole) {
+    reply.problem = "no whole frame";
+    return reply;
   }
   reply.kind = frame.kind;
   if (frame.kind == kLMFrameError) {
@@ -118,24 +120,27 @@ inline int connectTo(const std::string& path) {
   return fd;
 }
 
+// Sends `bytes` on a new connection and leaves it open for the reply.
+inline int sendOnly(const std::string& path, const Bytes& bytes) {
+  const int fd = connectTo(path);
+  if (fd >= 0) {
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+  }
+  return fd;
+}
+
 // Sends `bytes` (a failed send is fine: the service may refuse early), then
-// half-closes when asked and reads the reply.
+// half-closes when asked and reads the reply (no whole frame when the
+// connection failed).
 inline Reply callRaw(const std::string& path, const Bytes& bytes, bool halfClose = false) {
   const int fd = connectTo(path);
-  if (fd < 0) {
-    Reply reply;
-    reply.problem = "cannot connect";
-    return reply;
-  }
   for (size_t sent = 0; sent < bytes.size();) {
     const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n <= 0) break;
     sent += static_cast<size_t>(n);
   }
   if (halfClose) shutdown(fd, SHUT_WR);
-  Reply reply = readReply(fd);
-  close(fd);
-  return reply;
+  return replyOn(fd);
 }
 
 inline bool alive(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
@@ -271,13 +276,5 @@ class ServiceHarness : public testing::Test {
   std::vector<pid_t> pids_;
   std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
 };
-
-
-// A PDF of `pages` pages full of amounts and dates: slow to analyse (about
-// a second per 100-200 pages here), small to send.
-inline Bytes slowPdf(int pages) {
-  const char* line = "Position 7 Betrag 17,27 EUR MwSt 19% am 07.07.2026 Summe";
-  return lmGeneratedPdf({lmGeneratedLines(45, line, 9, 17)}, pages);
-}
 
 }  // namespace lm_test
