@@ -1,5 +1,8 @@
 #include "recognizers/term_recognizer.h"
 
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+
 #include <utility>
 
 #include "kit/diagnostics.h"
@@ -46,6 +49,14 @@ std::u16string termPattern(const std::u16string& term) {
   return u"((?<![[:alpha:]])" + lmJoin(words, u"\\s+") + u"(?![[:alpha:]]))";
 }
 
+// `text` case-folded as a case-insensitive pattern compares it (full folding,
+// the default mappings).
+std::u16string foldedCase(std::u16string_view text) {
+  icu::UnicodeString folded(text.data(), static_cast<int32_t>(text.size()));
+  folded.foldCase(U_FOLD_CASE_DEFAULT);
+  return std::u16string(folded.getBuffer(), static_cast<size_t>(folded.length()));
+}
+
 // Case-insensitive, anchors at lines, not free-spacing.
 constexpr uint64_t kTermOptions = kLMRegexCaseInsensitive | kLMRegexAnchorsMatchLines;
 
@@ -62,6 +73,8 @@ std::vector<LMTermEntry> buildEntries(const TermTable (&tables)[2], const char16
       entry.weight = LMValue(parts[1]).toFloat();
       if (!(entry.weight > 0)) continue;
       entry.rx = std::make_shared<const LMRegex>(termPattern(entry.key), kTermOptions);
+      const std::vector<std::u16string> words = lmSplit(entry.key);
+      entry.foldedFirstWord = words.empty() ? std::u16string() : foldedCase(words.front());
       entry.type = type;
       // The weight is single precision; the finding holds that value as a double.
       entry.finding = LMDictionary{{u"lang", entry.lang},
@@ -78,7 +91,11 @@ std::vector<LMDictionary> findEntries(const std::vector<LMTermEntry>& entries,
                                       std::u16string_view text,
                                       const LMReceiptParserTerm::Block& block) {
   std::vector<LMDictionary> found;
+  // Most terms are on no page: a term whose first word the folded text does
+  // not hold is not searched for.
+  const std::u16string folded = foldedCase(text);
   for (const LMTermEntry& entry : entries) {
+    if (folded.find(entry.foldedFirstWord) == std::u16string::npos) continue;
     entry.rx->enumerateMatchesInString(text, [&](const LMRegexMatch& match, bool*) {
       if (block) block(text, match.range(), entry.finding);
       found.push_back(entry.finding);
