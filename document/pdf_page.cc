@@ -5,44 +5,29 @@
 #include <utility>
 
 #include "kit/diagnostics.h"
-#include "recognizers/regex.h"
 
 namespace {
 
-// Replaces every match of `pattern` in `text` by `replacement`, unit for unit.
-// The patterns used here are character classes, so each match is one unit.
-void replaceMatches(const LMRegex& pattern, std::u16string& text, char16_t replacement) {
-  std::vector<LMTextRange> found;
-  pattern.enumerateMatchesInString(
-      text, [&](const LMRegexMatch& match, bool*) { found.push_back(match.range()); });
-  for (const LMTextRange& range : found) {
-    for (uint64_t i = range.location; i < range.end() && i < text.size(); ++i) {
-      text[i] = replacement;
-    }
+// What the cleaning makes of a unit of page text: NUL, line breaks, no-break
+// and typographic spaces, the line and paragraph separators and the object
+// replacement character become line breaks (on purpose: a no-break space in
+// a line splits it), dashes and the bullet '-', typographic single quotes and
+// the backtick '\'', typographic double quotes '"'. Every unit it changes is
+// a character of its own, never half of a surrogate pair.
+char16_t cleanedUnit(char16_t c) {
+  switch (c) {
+    case 0x0000: case 0x000A: case 0x000D: case 0x00A0: case 0x1680: case 0x180E:
+    case 0x2028: case 0x2029: case 0x202F: case 0x205F: case 0x3000: case 0xFFFC:
+      return u'\n';
+    case 0x2011: case 0x2012: case 0x2013: case 0x2014: case 0x2022: case 0x2043:
+      return u'-';
+    case 0x0060: case 0x2018: case 0x2019:
+      return u'\'';
+    case 0x201C: case 0x201D:
+      return u'"';
+    default:
+      return c >= 0x2000 && c <= 0x200A ? u'\n' : c;
   }
-}
-
-struct Cleaning {
-  std::shared_ptr<const LMRegex> pattern;
-  char16_t replacement;
-};
-
-// The cleaning steps after NUL, in the order they run.
-const std::vector<Cleaning>& cleaningSteps() {
-  static const auto* steps = new std::vector<Cleaning>{
-      // No-break and typographic spaces become line breaks, not blanks: on
-      // purpose, a no-break space in a line splits it.
-      {LMRegex::regexWithPattern(
-           u"[\\u00A0\\u1680\\u180E\\u2000-\\u200A\\u2028\\u2029\\u202F\\u205F\\u3000"
-           u"\\n\\r\\uFFFC]",
-           0, true),
-       u'\n'},
-      {LMRegex::regexWithPattern(u"[\\-\\u2011\\u2043\\u2012\\u2013\\u2014\\u2022]", 0, true),
-       u'-'},
-      {LMRegex::regexWithPattern(u"[\\u0060\\u2018\\u2019']", 0, true), u'\''},
-      {LMRegex::regexWithPattern(u"[\\u201C\\u201D]", 0, true), u'"'},
-  };
-  return *steps;
 }
 
 // True when `v` is `target` or its magnitude lies within the A4 tolerance.
@@ -96,10 +81,7 @@ LMPDFPage::LMPDFPage(std::shared_ptr<const LMPdfSourcePage> page, int64_t pageNu
 
 std::u16string LMPDFPage::normalizePDFString(std::u16string_view text) {
   std::u16string cleaned(text);
-  std::replace(cleaned.begin(), cleaned.end(), u'\0', u'\n');
-  for (const Cleaning& step : cleaningSteps()) {
-    replaceMatches(*step.pattern, cleaned, step.replacement);
-  }
+  for (char16_t& c : cleaned) c = cleanedUnit(c);
   return cleaned;
 }
 
