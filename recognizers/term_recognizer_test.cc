@@ -36,6 +36,8 @@ TEST(TermRecognizerTest, FindsGrossAndTaxTermsStandingFree) {
       {false, u"Grand Total", {u"total/de", u"grand total/en", u"total/en"}},
       {false, u"Grand\nTotal", {u"total/de", u"grand total/en", u"total/en"}},
       {false, u"GESAMTBRUTTO", {u"gesamtbrutto/de"}},
+      // A letter whose case folding, not its lower case, is the term's: long s.
+      {false, u"\u017Fumme 3,00 \u017FUMME", {u"summe/de", u"summe/de"}},
       {false, u"Brutto: 5", {u"brutto/de"}},
       {false, u"Total:12 2Total", {u"total/de", u"total/de", u"total/en", u"total/en"}},
       {false, u"Totals Subtotal", {}},
