@@ -1,5 +1,7 @@
 #include "recognizers/date_recognizer.h"
 
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
 #include <unicode/utf16.h>
 
 #include <algorithm>
@@ -107,11 +109,18 @@ bool isAsciiDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
 // Every form begins, after a position that is no digit, with a month name
 // (form 4) or with a number: a day or month of one or two ASCII digits or a
 // year of four digits. After the number comes ".", "-" or "/", or blanks (U+0020
-// only) and a month name.
+// only) and a month name. After the month name of form 4 come blanks and a
+// day of ASCII digits; only a digit beyond ASCII (a year's) or a surrogate
+// pair may begin a form without a month name outside ASCII.
 class DateStarts {
  public:
   explicit DateStarts(const LMDictionary& monthNames) {
     for (const std::u16string& name : monthNames.keys()) {
+      // Each character of the text that a name matches folds to one or more
+      // of the name's folded characters, and takes at most two units.
+      icu::UnicodeString folded(name.data(), static_cast<int32_t>(name.size()));
+      folded.foldCase(U_FOLD_CASE_DEFAULT);
+      nameUnits_ = std::max<size_t>(nameUnits_, 2 * static_cast<size_t>(folded.length()));
       if (name.empty() || name[0] >= 0x80) continue;  // non-ASCII text is always tried
       const char16_t first = asciiLower(name[0]);
       nameFirst_[first] = true;
@@ -128,10 +137,14 @@ class DateStarts {
   // False only where no date can begin.
   bool mayBegin(std::u16string_view text, size_t at) const {
     const char16_t c = text[at];
-    // No search begins on the second half of a surrogate pair.
-    if (c >= 0x80) return !(U16_IS_TRAIL(c) && at > 0 && U16_IS_LEAD(text[at - 1]));
+    if (c >= 0x80) {
+      // No search begins on the second half of a surrogate pair.
+      if (U16_IS_TRAIL(c) && at > 0 && U16_IS_LEAD(text[at - 1])) return false;
+      return U16_IS_SURROGATE(c) || u_isdigit(c) || dayFollowsName(text, at);
+    }
     if (at > 0 && isAsciiDigit(text[at - 1])) return false;  // "Not prefixed by" a digit
-    return mayBeginName(text, at) || (isAsciiDigit(c) && mayFollowNumber(text, at));
+    return (mayBeginName(text, at) && dayFollowsName(text, at)) ||
+           (isAsciiDigit(c) && mayFollowNumber(text, at));
   }
 
  private:
@@ -144,6 +157,20 @@ class DateStarts {
     if (at + 1 >= text.size()) return false;
     const char16_t next = text[at + 1];
     return next >= 0x80 || namePairs_[first][asciiLower(next)];
+  }
+
+  // Whether a month name beginning at `at` may be followed by blanks and a
+  // day. A name holds no blank, so the first blank after `at` is the one
+  // after the name, within the longest name's units.
+  bool dayFollowsName(std::u16string_view text, size_t at) const {
+    const size_t end = std::min(text.size(), at + 1 + nameUnits_);
+    for (size_t blank = at + 1; blank < end; ++blank) {
+      if (text[blank] != u' ') continue;
+      size_t day = blank;
+      while (day < text.size() && text[day] == u' ') ++day;
+      return day < text.size() && isAsciiDigit(text[day]);
+    }
+    return false;
   }
 
   // Whether what follows a number of 1, 2 or 4 digits beginning at `at` may
@@ -164,6 +191,7 @@ class DateStarts {
     return false;
   }
 
+  size_t nameUnits_ = 0;  // the most units of text a month name can match
   std::array<bool, 128> nameFirst_{};
   std::array<bool, 128> nameAlone_{};
   std::array<std::array<bool, 128>, 128> namePairs_{};
