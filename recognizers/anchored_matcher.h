@@ -7,6 +7,7 @@
 // exactly the matches of a full search, as long as no position where a match
 // can begin is skipped.
 #pragma once
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -43,3 +44,23 @@ class LMAnchoredMatcher {
   std::unique_ptr<icu::UnicodeString> input_;  // aliases text_
   std::unique_ptr<icu::RegexMatcher> matcher_;
 };
+
+// Calls `onMatch` with every match of the pattern of `matcher` in its text,
+// as a search of the whole text finds them: left to right, going on after
+// the end of each match, but trying the pattern only where `mayBegin(at)`.
+// `mayBegin` must be true wherever a match can begin.
+template <typename MayBegin, typename OnMatch>
+void lmEachAnchoredMatch(LMAnchoredMatcher& matcher, size_t textSize, const MayBegin& mayBegin,
+                         const OnMatch& onMatch) {
+  size_t position = 0;
+  while (position < textSize) {
+    std::optional<LMRegexMatch> match;
+    if (mayBegin(position)) match = matcher.matchAt(position);
+    if (!match) {
+      ++position;
+      continue;
+    }
+    onMatch(*match);
+    position = std::max<size_t>(match->range().end(), position + 1);
+  }
+}

@@ -1,10 +1,14 @@
 #include "recognizers/currency_recognizer.h"
 
+#include <unicode/utf16.h>
+
 #include <algorithm>
+#include <array>
 #include <cstdint>
 
 #include "kit/diagnostics.h"
 #include "kit/strings.h"
+#include "recognizers/anchored_matcher.h"
 #include "recognizers/pattern_escaping.h"
 #include "recognizers/regex.h"
 
@@ -37,6 +41,45 @@ std::u16string currencyPattern(const AliasTable& table) {
   return u"(" + lmJoin(pieces, u"|") + u")";
 }
 
+char16_t asciiLower(char16_t c) { return c >= u'A' && c <= u'Z' ? c + (u'a' - u'A') : c; }
+
+// Where a mention can begin, for trying the expression only there: at every
+// other position the engine would try each alias, each behind a look-behind.
+// In a case-insensitive match an ASCII character of the text matches only
+// itself in either case, so an ASCII position can begin only an alias with
+// that first character, and an alias of several characters only if the next
+// character is its second one or lies beyond ASCII. Positions beyond ASCII
+// (a character there may fold to an alias's first) are always tried, but the
+// second half of a surrogate pair, where no search begins.
+class CurrencyStarts {
+ public:
+  explicit CurrencyStarts(const AliasTable& table) {
+    for (const auto& [alias, code] : table) {
+      if (alias.empty() || alias[0] >= 0x80) continue;  // tried anyway
+      const char16_t first = asciiLower(alias[0]);
+      if (alias.size() == 1 || alias[1] >= 0x80) {
+        alone_[first] = true;
+      } else {
+        pairs_[first][asciiLower(alias[1])] = true;
+      }
+    }
+  }
+
+  bool mayBegin(std::u16string_view text, size_t at) const {
+    const char16_t c = text[at];
+    if (c >= 0x80) return !(U16_IS_TRAIL(c) && at > 0 && U16_IS_LEAD(text[at - 1]));
+    const char16_t first = asciiLower(c);
+    if (alone_[first]) return true;
+    if (at + 1 >= text.size()) return false;
+    const char16_t next = text[at + 1];
+    return next >= 0x80 || pairs_[first][asciiLower(next)];
+  }
+
+ private:
+  std::array<bool, 128> alone_{};
+  std::array<std::array<bool, 128>, 128> pairs_{};
+};
+
 struct CurrencyTables {
   // There is no "£" here on purpose: a pound sign alone is not taken as a
   // currency mention.
@@ -48,6 +91,7 @@ struct CurrencyTables {
   LMDictionary codes;  // alias -> code, for lookups
   std::vector<std::u16string> supported;
   LMRegex regex{currencyPattern(table), kLMRegexDefaultOptions};
+  CurrencyStarts starts{table};
 
   CurrencyTables() {
     for (const auto& [alias, code] : table) {
@@ -90,7 +134,7 @@ std::vector<LMDictionary> LMReceiptParserCurrency::findInText(std::u16string_vie
   int64_t bestCount = 0;
   std::optional<std::u16string> bestCode;
 
-  tables.regex.enumerateMatchesInString(text, [&](const LMRegexMatch& match, bool*) {
+  auto onMatch = [&](const LMRegexMatch& match) {
     const std::u16string alias = lmLower(match.stringValue());
     if (alias.empty()) return;
     const LMValue* code = tables.codes.key(alias);
@@ -106,7 +150,15 @@ std::vector<LMDictionary> LMReceiptParserCurrency::findInText(std::u16string_vie
     if (block) block(text, match.range(), codeText);
     found.push_back(LMDictionary{
         {u"currencyCode", codeText ? LMValue(*codeText) : LMValue::null()}});
-  });
+  };
+  LMAnchoredMatcher matcher(tables.regex, text);
+  if (matcher.usable()) {
+    lmEachAnchoredMatch(
+        matcher, text.size(), [&](size_t at) { return tables.starts.mayBegin(text, at); }, onMatch);
+  } else {
+    // Finds nothing as well, but logs why.
+    tables.regex.enumerateMatchesInString(text, [&](const LMRegexMatch& m, bool*) { onMatch(m); });
+  }
 
   currencyCode_ = std::move(bestCode);
   return found;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,40 @@ TEST(CurrencyRecognizerTest, ReportsRangesAndForgetsTheLastSearch) {
 
   recognizer.findInText(u"no currency here", false);
   EXPECT_FALSE(recognizer.currencyCode().has_value());
+}
+
+// The search tries the expression only where a mention can begin; it must
+// find exactly what a search of the whole text finds.
+TEST(CurrencyRecognizerTest, FindsWhatASearchOfTheWholeTextFinds) {
+  std::vector<std::u16string> pieces = {u"x", u"1", u" ", u"\n", u"-", u"\u00E4", u"\u017F",
+                                        u"\U0001F600", u"$", u"\u20AC", u"\u00A3"};
+  for (const auto& [alias, code] : LMReceiptParserCurrency::currencyTable()) {
+    std::u16string upper = alias;
+    for (char16_t& c : upper) c = c >= u'a' && c <= u'z' ? c - (u'a' - u'A') : c;
+    pieces.push_back(alias);
+    pieces.push_back(upper);
+  }
+  // Letters that fold to an alias's (long s to "s", the Kelvin sign to "k"),
+  // then generated texts.
+  std::vector<std::u16string> texts = {u"u\u017Fd 5 U\u017F$ 6 \u017Fusd", u"\u212Aeur EUR\u212A"};
+  std::mt19937 random(20261126);
+  for (int i = 0; i < 400; ++i) {
+    std::u16string text;
+    for (int j = 0; j < 12; ++j) text += pieces[random() % pieces.size()];
+    texts.push_back(text);
+  }
+  for (const std::u16string& text : texts) {
+    SCOPED_TRACE(lmUtf8(text));
+    std::vector<LMTextRange> expected;
+    LMReceiptParserCurrency::currencyRegularExpression().enumerateMatchesInString(
+        text, [&](const LMRegexMatch& match, bool*) { expected.push_back(match.range()); });
+    std::vector<LMTextRange> ranges;
+    LMReceiptParserCurrency().findInText(
+        text, false, [&](std::u16string_view, LMTextRange range, const std::u16string*) {
+          ranges.push_back(range);
+        });
+    ASSERT_EQ(expected, ranges);
+  }
 }
 
 }  // namespace

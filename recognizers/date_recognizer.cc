@@ -293,18 +293,7 @@ std::vector<LMDate> LMReceiptParserDate::findDatesInText(std::u16string_view tex
     tables.regex.enumerateMatchesInString(text, [&](const LMRegexMatch& m, bool*) { onMatch(m); });
     return found;
   }
-  // Left to right like a search of the whole text, skipping only the
-  // positions where no date can begin.
-  size_t position = 0;
-  while (position < text.size()) {
-    std::optional<LMRegexMatch> match;
-    if (tables.starts.mayBegin(text, position)) match = matcher.matchAt(position);
-    if (!match) {
-      ++position;
-      continue;
-    }
-    onMatch(*match);
-    position = std::max<size_t>(match->range().end(), position + 1);
-  }
+  lmEachAnchoredMatch(
+      matcher, text.size(), [&](size_t at) { return tables.starts.mayBegin(text, at); }, onMatch);
   return found;
 }
