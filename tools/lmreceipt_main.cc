@@ -2,6 +2,7 @@
 // in this process exactly as the service answers a task (analyze), or through
 // the service itself (call).
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/stat.h>
@@ -445,6 +446,11 @@ int main(int argc, char** argv) {
   if (options.files.empty()) return usageError("no FILE given");
   if (!options.verbose) lmSetLogSink([](std::string_view) {});
   if (options.viaService) return call(std::move(options));
+  // A long document's analysis frees blocks of megabytes (texts, arrays that
+  // grew); with its threshold fixed, the allocator gives such blocks back to
+  // the system instead of raising the threshold and keeping later ones in
+  // the heap (1000 pages: a peak of 147 MB instead of 151).
+  mallopt(M_MMAP_THRESHOLD, 256 * 1024);
   std::jthread preparing = startPreparing();
   const int status =
       analyze(options, [](LMDictionary&& task) { return lmPerformReceiptTask(std::move(task)); });
