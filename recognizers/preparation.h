@@ -3,8 +3,9 @@
 // them.
 #pragma once
 
-// Builds every recognizer's tables and compiles every pattern they search
-// with. Each is built once per process, whoever comes first: a recognizer
+// Builds every recognizer's tables and compiles the patterns they search
+// with (a term's pattern waits for the first page that holds the term's
+// first word). Each is built once per process, whoever comes first: a recognizer
 // that needs a table this call has not reached yet builds it itself, and one
 // that needs the table this call is building waits for it, so nothing is
 // built twice. The tables are built in the reverse of the order a page is

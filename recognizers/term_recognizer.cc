@@ -72,7 +72,7 @@ std::vector<LMTermEntry> buildEntries(const TermTable (&tables)[2], const char16
       entry.key = lmLower(parts[0]);
       entry.weight = LMValue(parts[1]).toFloat();
       if (!(entry.weight > 0)) continue;
-      entry.rx = std::make_shared<const LMRegex>(termPattern(entry.key), kTermOptions);
+      entry.pattern = termPattern(entry.key);
       const std::vector<std::u16string> words = lmSplit(entry.key);
       entry.foldedFirstWord = words.empty() ? std::u16string() : foldedCase(words.front());
       entry.type = type;
@@ -96,7 +96,7 @@ std::vector<LMDictionary> findEntries(const std::vector<LMTermEntry>& entries,
   const std::u16string folded = foldedCase(text);
   for (const LMTermEntry& entry : entries) {
     if (folded.find(entry.foldedFirstWord) == std::u16string::npos) continue;
-    entry.rx->enumerateMatchesInString(text, [&](const LMRegexMatch& match, bool*) {
+    entry.regex()->enumerateMatchesInString(text, [&](const LMRegexMatch& match, bool*) {
       if (block) block(text, match.range(), entry.finding);
       found.push_back(entry.finding);
     });
@@ -105,6 +105,10 @@ std::vector<LMDictionary> findEntries(const std::vector<LMTermEntry>& entries,
 }
 
 }  // namespace
+
+std::shared_ptr<const LMRegex> LMTermEntry::regex() const {
+  return LMRegex::regexWithPattern(pattern, kTermOptions, true);
+}
 
 const std::vector<LMTermEntry>& LMReceiptParserTerm::grossEntries() {
   static const auto* entries = new std::vector<LMTermEntry>(buildEntries(kGrossTables, u"gross"));

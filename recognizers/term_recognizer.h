@@ -17,12 +17,16 @@ class LMRegex;
 struct LMTermEntry {
   std::u16string lang;  // "de" or "en"
   std::u16string key;   // the term, lower-cased
-  std::shared_ptr<const LMRegex> rx;
-  // The term's first word case-folded (full folding). rx matches only where
-  // the case-folded text holds it: the engine compares a word of a
-  // case-insensitive pattern with the text by full case folding, from a
+  std::u16string pattern;
+  // The term's first word case-folded (full folding). The pattern matches
+  // only where the case-folded text holds it: the engine compares a word of
+  // a case-insensitive pattern with the text by full case folding, from a
   // character's start to a character's end.
   std::u16string foldedFirstWord;
+
+  // The compiled pattern, compiled on first use (most terms are on no page)
+  // and kept for the process. Thread-safe.
+  std::shared_ptr<const LMRegex> regex() const;
   float weight = 0;     // always above 0: terms weighted 0 or below get no entry
   std::u16string type;  // "gross" or "tax"
   // {"lang", "key", "weight", "type"}, in this order. The weight is a double

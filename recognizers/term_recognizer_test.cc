@@ -95,8 +95,8 @@ TEST(TermRecognizerTest, EveryTableEntryCompiles) {
                               &LMReceiptParserTerm::taxEntries()}) {
     for (const LMTermEntry& entry : *entries) {
       SCOPED_TRACE(lmUtf8(entry.key));
-      ASSERT_NE(nullptr, entry.rx);
-      EXPECT_NE(nullptr, entry.rx->compiled());
+      ASSERT_NE(nullptr, entry.regex());
+      EXPECT_NE(nullptr, entry.regex()->compiled());
     }
   }
 }
