@@ -529,8 +529,9 @@ std::vector<LMDetectedItem> findAddresses(std::u16string_view text) {
 }
 
 void prepareAddresses() {
-  germanAddressExpression();
+  // The reverse of the order a window is searched in (see preparation.h).
   numberFirstAddressExpression();
+  germanAddressExpression();
 }
 
 }  // namespace lm_detector
