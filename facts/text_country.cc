@@ -89,11 +89,13 @@ bool isAlnum(char16_t c) {
 }  // namespace
 
 void LMCountryClues::addPage(std::u16string_view text, std::u16string_view folded) {
-  for (const CountryClue& clue : kCountryClues) {
-    for (size_t at = folded.find(clue.folded); at != std::u16string::npos;
-         at = folded.find(clue.folded, at + 1)) {
+  // Each clue that stands as whole words: at every word's start, every clue
+  // that the text continues with and that ends where a word ends.
+  for (size_t at = 0; at < folded.size(); ++at) {
+    if (at > 0 && folded[at - 1] != u' ') continue;
+    for (const CountryClue& clue : kCountryClues) {
       const size_t end = at + clue.folded.size();
-      if ((at == 0 || folded[at - 1] == u' ') &&
+      if (folded[at] == clue.folded[0] && folded.substr(at, clue.folded.size()) == clue.folded &&
           (end == folded.size() || folded[end] == u' ')) {
         ++countries_[std::u16string(clue.country)];
       }
