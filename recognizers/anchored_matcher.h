@@ -13,6 +13,8 @@
 #include <optional>
 #include <string_view>
 
+#include <unicode/utf16.h>
+
 #include "recognizers/regex.h"
 
 U_NAMESPACE_BEGIN
@@ -44,6 +46,14 @@ class LMAnchoredMatcher {
   std::unique_ptr<icu::UnicodeString> input_;  // aliases text_
   std::unique_ptr<icu::RegexMatcher> matcher_;
 };
+
+// What the searches' tests of where a match can begin share. In a
+// case-insensitive match an ASCII character of the text matches only itself
+// in either case; no search begins on the second half of a surrogate pair.
+inline char16_t lmAsciiLower(char16_t c) { return c >= u'A' && c <= u'Z' ? c + (u'a' - u'A') : c; }
+inline bool lmInsideSurrogatePair(std::u16string_view text, size_t at) {
+  return U16_IS_TRAIL(text[at]) && at > 0 && U16_IS_LEAD(text[at - 1]);
+}
 
 // Calls `onMatch` with every match of the pattern of `matcher` in its text,
 // as a search of the whole text finds them: left to right, going on after

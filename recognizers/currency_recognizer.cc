@@ -1,7 +1,5 @@
 #include "recognizers/currency_recognizer.h"
 
-#include <unicode/utf16.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -41,8 +39,6 @@ std::u16string currencyPattern(const AliasTable& table) {
   return u"(" + lmJoin(pieces, u"|") + u")";
 }
 
-char16_t asciiLower(char16_t c) { return c >= u'A' && c <= u'Z' ? c + (u'a' - u'A') : c; }
-
 // Where a mention can begin, for trying the expression only there: at every
 // other position the engine would try each alias, each behind a look-behind.
 // In a case-insensitive match an ASCII character of the text matches only
@@ -56,23 +52,23 @@ class CurrencyStarts {
   explicit CurrencyStarts(const AliasTable& table) {
     for (const auto& [alias, code] : table) {
       if (alias.empty() || alias[0] >= 0x80) continue;  // tried anyway
-      const char16_t first = asciiLower(alias[0]);
+      const char16_t first = lmAsciiLower(alias[0]);
       if (alias.size() == 1 || alias[1] >= 0x80) {
         alone_[first] = true;
       } else {
-        pairs_[first][asciiLower(alias[1])] = true;
+        pairs_[first][lmAsciiLower(alias[1])] = true;
       }
     }
   }
 
   bool mayBegin(std::u16string_view text, size_t at) const {
     const char16_t c = text[at];
-    if (c >= 0x80) return !(U16_IS_TRAIL(c) && at > 0 && U16_IS_LEAD(text[at - 1]));
-    const char16_t first = asciiLower(c);
+    if (c >= 0x80) return !lmInsideSurrogatePair(text, at);
+    const char16_t first = lmAsciiLower(c);
     if (alone_[first]) return true;
     if (at + 1 >= text.size()) return false;
     const char16_t next = text[at + 1];
-    return next >= 0x80 || pairs_[first][asciiLower(next)];
+    return next >= 0x80 || pairs_[first][lmAsciiLower(next)];
   }
 
  private:

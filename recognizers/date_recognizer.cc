@@ -95,7 +95,6 @@ struct TemplateGroups {
   std::optional<uint64_t> year;
 };
 
-char16_t asciiLower(char16_t c) { return c >= u'A' && c <= u'Z' ? c + (u'a' - u'A') : c; }
 bool isAsciiDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
 
 // Where a date can begin, for trying the expression only there: at every
@@ -122,12 +121,12 @@ class DateStarts {
       folded.foldCase(U_FOLD_CASE_DEFAULT);
       nameUnits_ = std::max<size_t>(nameUnits_, 2 * static_cast<size_t>(folded.length()));
       if (name.empty() || name[0] >= 0x80) continue;  // non-ASCII text is always tried
-      const char16_t first = asciiLower(name[0]);
+      const char16_t first = lmAsciiLower(name[0]);
       nameFirst_[first] = true;
       if (name.size() == 1) {
         nameAlone_[first] = true;
       } else if (name[1] < 0x80) {
-        namePairs_[first][asciiLower(name[1])] = true;
+        namePairs_[first][lmAsciiLower(name[1])] = true;
       }
       // A second character beyond ASCII is matched by none within it, and
       // any beyond it in the text is tried.
@@ -139,7 +138,7 @@ class DateStarts {
     const char16_t c = text[at];
     if (c >= 0x80) {
       // No search begins on the second half of a surrogate pair.
-      if (U16_IS_TRAIL(c) && at > 0 && U16_IS_LEAD(text[at - 1])) return false;
+      if (lmInsideSurrogatePair(text, at)) return false;
       return U16_IS_SURROGATE(c) || u_isdigit(c) || dayFollowsName(text, at);
     }
     if (at > 0 && isAsciiDigit(text[at - 1])) return false;  // "Not prefixed by" a digit
@@ -151,12 +150,12 @@ class DateStarts {
   bool mayBeginName(std::u16string_view text, size_t at) const {
     const char16_t c = text[at];
     if (c >= 0x80) return true;
-    const char16_t first = asciiLower(c);
+    const char16_t first = lmAsciiLower(c);
     if (!nameFirst_[first]) return false;
     if (nameAlone_[first]) return true;
     if (at + 1 >= text.size()) return false;
     const char16_t next = text[at + 1];
-    return next >= 0x80 || namePairs_[first][asciiLower(next)];
+    return next >= 0x80 || namePairs_[first][lmAsciiLower(next)];
   }
 
   // Whether a month name beginning at `at` may be followed by blanks and a

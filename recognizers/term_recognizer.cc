@@ -3,10 +3,13 @@
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
+#include <algorithm>
+#include <array>
 #include <utility>
 
 #include "kit/diagnostics.h"
 #include "kit/strings.h"
+#include "recognizers/anchored_matcher.h"
 #include "recognizers/pattern_escaping.h"
 #include "recognizers/regex.h"
 
@@ -87,19 +90,70 @@ std::vector<LMTermEntry> buildEntries(const TermTable (&tables)[2], const char16
   return entries;
 }
 
+// Whether a match of `entry` can begin at `at`: an ASCII position must hold
+// the first word's first character (folded) and be followed by its second
+// one or by a character beyond ASCII. Positions beyond ASCII are tried.
+bool mayBegin(const LMTermEntry& entry, std::u16string_view text, size_t at) {
+  const std::u16string& word = entry.foldedFirstWord;
+  const char16_t c = text[at];
+  if (c >= 0x80) return !lmInsideSurrogatePair(text, at);
+  if (word.empty()) return true;
+  if (lmAsciiLower(c) != word[0]) return false;
+  if (word.size() < 2) return true;
+  if (at + 1 >= text.size()) return false;
+  const char16_t next = text[at + 1];
+  return next >= 0x80 || lmAsciiLower(next) == word[1];
+}
+
+// The entries of a table by the first unit of their folded first word (128:
+// beyond ASCII), for finding in one pass which first words a text holds.
+struct FirstUnitIndex {
+  std::array<std::vector<size_t>, 129> entries;
+
+  explicit FirstUnitIndex(const std::vector<LMTermEntry>& table) {
+    for (size_t i = 0; i < table.size(); ++i) {
+      const std::u16string& word = table[i].foldedFirstWord;
+      if (!word.empty()) entries[std::min<size_t>(word[0], 128)].push_back(i);
+    }
+  }
+
+  // For each entry, whether `folded` holds its folded first word.
+  std::vector<bool> held(const std::vector<LMTermEntry>& table, std::u16string_view folded) const {
+    std::vector<bool> held(table.size(), false);
+    for (size_t i = 0; i < table.size(); ++i) held[i] = table[i].foldedFirstWord.empty();
+    for (size_t at = 0; at < folded.size(); ++at) {
+      for (size_t i : entries[std::min<size_t>(folded[at], 128)]) {
+        const std::u16string& word = table[i].foldedFirstWord;
+        if (!held[i] && folded.substr(at, word.size()) == word) held[i] = true;
+      }
+    }
+    return held;
+  }
+};
+
 std::vector<LMDictionary> findEntries(const std::vector<LMTermEntry>& entries,
-                                      std::u16string_view text,
+                                      const FirstUnitIndex& index, std::u16string_view text,
                                       const LMReceiptParserTerm::Block& block) {
   std::vector<LMDictionary> found;
   // Most terms are on no page: a term whose first word the folded text does
   // not hold is not searched for.
-  const std::u16string folded = foldedCase(text);
-  for (const LMTermEntry& entry : entries) {
-    if (folded.find(entry.foldedFirstWord) == std::u16string::npos) continue;
-    entry.regex()->enumerateMatchesInString(text, [&](const LMRegexMatch& match, bool*) {
+  const std::vector<bool> held = index.held(entries, foldedCase(text));
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (!held[i]) continue;
+    const LMTermEntry& entry = entries[i];
+    auto onMatch = [&](const LMRegexMatch& match) {
       if (block) block(text, match.range(), entry.finding);
       found.push_back(entry.finding);
-    });
+    };
+    const std::shared_ptr<const LMRegex> regex = entry.regex();
+    LMAnchoredMatcher matcher(*regex, text);
+    if (matcher.usable()) {
+      lmEachAnchoredMatch(
+          matcher, text.size(), [&](size_t at) { return mayBegin(entry, text, at); }, onMatch);
+    } else {
+      // Finds nothing as well, but logs why.
+      regex->enumerateMatchesInString(text, [&](const LMRegexMatch& m, bool*) { onMatch(m); });
+    }
   }
   return found;
 }
@@ -122,11 +176,13 @@ const std::vector<LMTermEntry>& LMReceiptParserTerm::taxEntries() {
 
 std::vector<LMDictionary> LMReceiptParserTerm::findInText(std::u16string_view text, bool /*ocr*/,
                                                           const Block& block) const {
-  return findEntries(grossEntries(), text, block);
+  static const auto* index = new FirstUnitIndex(grossEntries());
+  return findEntries(grossEntries(), *index, text, block);
 }
 
 std::vector<LMDictionary> LMReceiptParserTerm::findTaxTermsInText(std::u16string_view text,
                                                                   bool /*ocr*/,
                                                                   const Block& block) const {
-  return findEntries(taxEntries(), text, block);
+  static const auto* index = new FirstUnitIndex(taxEntries());
+  return findEntries(taxEntries(), *index, text, block);
 }
