@@ -332,18 +332,30 @@ int analyze(const Options& options, const Performer& perform) {
 
 // Starts building the recognizers' tables and patterns on a second thread,
 // which a fresh process would otherwise do after reading the first page:
-// half of a one-page analysis. The thread runs on another processor than
-// this one (left to itself, the scheduler often first runs a new thread
-// beside the one that made it); on a single processor it is not started.
-std::jthread startPreparing() {
+// half of a one-page analysis. The thread is made bound to the other
+// processors (made free and bound afterwards, it would at times first run
+// beside this thread for milliseconds) and is not waited for: the command
+// line ends with _Exit. On a single processor it is not started.
+void startPreparing() {
   cpu_set_t others;
   CPU_ZERO(&others);
-  if (sched_getaffinity(0, sizeof others, &others) != 0) return {};
+  if (sched_getaffinity(0, sizeof others, &others) != 0) return;
   if (const int here = sched_getcpu(); here >= 0) CPU_CLR(here, &others);
-  if (CPU_COUNT(&others) == 0) return {};
-  std::jthread preparing(lmPrepareRecognizers);
-  pthread_setaffinity_np(preparing.native_handle(), sizeof others, &others);
-  return preparing;
+  if (CPU_COUNT(&others) == 0) return;
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return;
+  pthread_t thread;
+  if (pthread_attr_setaffinity_np(&attributes, sizeof others, &others) == 0 &&
+      pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0) {
+    pthread_create(
+        &thread, &attributes,
+        [](void*) -> void* {
+          lmPrepareRecognizers();
+          return nullptr;
+        },
+        nullptr);
+  }
+  pthread_attr_destroy(&attributes);
 }
 
 // The files one at a time through one client (its queue sends one call at a
@@ -451,7 +463,7 @@ int main(int argc, char** argv) {
   // the system instead of raising the threshold and keeping later ones in
   // the heap (1000 pages: a peak of 147 MB instead of 151).
   mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-  std::jthread preparing = startPreparing();
+  startPreparing();
   const int status =
       analyze(options, [](LMDictionary&& task) { return lmPerformReceiptTask(std::move(task)); });
   // The preparing thread may still be building a table that no document
