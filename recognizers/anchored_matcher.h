@@ -7,13 +7,13 @@
 // exactly the matches of a full search, as long as no position where a match
 // can begin is skipped.
 #pragma once
+#include <unicode/utf16.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <optional>
 #include <string_view>
-
-#include <unicode/utf16.h>
 
 #include "recognizers/regex.h"
 
