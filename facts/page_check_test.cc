@@ -5,19 +5,10 @@
 #include "facts/text_facts_test_util.h"
 #include "kit/unicode.h"
 
-namespace {
-
-// The standard analysis of one row of text.
-std::unique_ptr<lmtest::Parsed> analysed(const char16_t* text) {
-  return lmtest::analyse({{text, 72, 700}});
-}
-
-}  // namespace
-
 TEST(PageCheckTest, FindsAmountsInTheirPrintedForms) {
   const auto parsed =
-      analysed(u"Korrektur -8,79 EUR Summe 1.021,91 Total 1,234.50 Rest 2\u202F500,00 "
-               u"Pauschale 40,- Menge 12345");
+      lmtest::analyse({{u"Korrektur -8,79 EUR Summe 1.021,91 Total 1,234.50 Rest 2\u202F500,00 "
+                        u"Pauschale 40,- Menge 12345", 72, 700}});
   struct Case {
     const char* amount;
     bool shown;
@@ -31,7 +22,8 @@ TEST(PageCheckTest, FindsAmountsInTheirPrintedForms) {
 }
 
 TEST(PageCheckTest, FindsDaysInEitherOrderAndCurrencyMentions) {
-  const auto parsed = analysed(u"Date 05/11/2017 Lieferung 3.2.24 Betrag 10,00 EUR");
+  const auto parsed =
+      lmtest::analyse({{u"Date 05/11/2017 Lieferung 3.2.24 Betrag 10,00 EUR", 72, 700}});
   struct Case {
     const char16_t* day;
     bool shown;
@@ -43,5 +35,6 @@ TEST(PageCheckTest, FindsDaysInEitherOrderAndCurrencyMentions) {
   }
   EXPECT_EQ(std::optional<bool>(true), lmPageShowsCurrency(parsed->parser, u"EUR"));
   EXPECT_EQ(std::optional<bool>(false), lmPageShowsCurrency(parsed->parser, u"GBP"));
-  EXPECT_EQ(std::nullopt, lmPageShowsCurrency(analysed(u"Betrag 10,00")->parser, u"GBP"));
+  EXPECT_EQ(std::nullopt,
+            lmPageShowsCurrency(lmtest::analyse({{u"Betrag 10,00", 72, 700}})->parser, u"GBP"));
 }

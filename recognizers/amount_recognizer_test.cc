@@ -80,8 +80,7 @@ TEST(AmountRecognizerTest, ReportsEveryFindingInTextOrder) {
   const auto found = find(u"Menge 2 x 3,20 EUR\nPLZ 01234 Summe 1.005,55\nRabatt -0,42");
   std::vector<std::u16string> strings;  // the postal code is skipped
   for (const LMDictionary& finding : found) strings.push_back(finding.at(u"stringOriginal").toString());
-  EXPECT_EQ((std::vector<std::u16string>{u"2", u"3,20", u"1.005,55", u"-0,42"}), strings);
-  ASSERT_EQ(4u, found.size());
+  ASSERT_EQ((std::vector<std::u16string>{u"2", u"3,20", u"1.005,55", u"-0,42"}), strings);
   EXPECT_EQ((std::vector<std::u16string>{u"amount", u"currency", u"places", u"stringOriginal"}),
             found[2].keys());
   EXPECT_TRUE(found[2].at(u"currency").isNull());

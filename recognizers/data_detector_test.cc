@@ -27,15 +27,6 @@ std::string matched(std::u16string_view text, const LMDetectedItem& item) {
   return lmUtf8(text.substr(item.range.location, item.range.length));
 }
 
-// "Key=Value" for each component, in dictionary order.
-std::vector<std::string> components(const LMDetectedItem& item) {
-  std::vector<std::string> parts;
-  for (const LMDictionaryEntry& entry : item.addressComponents) {
-    parts.push_back(lmUtf8(entry.key.view()) + "=" + lmUtf8(entry.value.toString()));
-  }
-  return parts;
-}
-
 TEST(DataDetectorTest, FindsWrittenOutDatesAndNoneInOtherNumbers) {
   struct Case {
     std::u16string text;
@@ -228,7 +219,11 @@ TEST(DataDetectorTest, FindsAddressesWithStreetPostcodeAndCityOnly) {
     ASSERT_EQ(addresses.size(), c.match.empty() ? 0u : 1u);
     if (addresses.empty()) continue;
     EXPECT_EQ(matched(c.text, addresses[0]), c.match == kWholeText ? lmUtf8(c.text) : c.match);
-    EXPECT_EQ(components(addresses[0]), c.components);
+    std::vector<std::string> components;  // "Key=Value", in dictionary order
+    for (const LMDictionaryEntry& entry : addresses[0].addressComponents) {
+      components.push_back(lmUtf8(entry.key.view()) + "=" + lmUtf8(entry.value.toString()));
+    }
+    EXPECT_EQ(components, c.components);
   }
 }
 
