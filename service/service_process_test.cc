@@ -58,9 +58,9 @@ TEST_F(ServiceProcessTest, BadRequestsGetErrorRepliesAndTheServiceGoesOn) {
     const Reply reply = callRaw(socketPath_, c.bytes, c.halfClose);
     ASSERT_EQ("", reply.problem);
     ASSERT_EQ(1, reply.kind);
-    EXPECT_EQ(c.message, reply.message);
-    EXPECT_EQ(u"com.brightmoor.error", reply.domain);
-    EXPECT_EQ(101, reply.code);
+    EXPECT_EQ(c.message, reply.error.message);
+    EXPECT_EQ(u"com.brightmoor.error", reply.error.domain);
+    EXPECT_EQ(101, reply.error.code);
     EXPECT_TRUE(waitForLog(c.logged, logBefore)) << log().substr(logBefore);
     expectServing(socketPath_);
   }
@@ -113,8 +113,8 @@ TEST_F(ServiceProcessTest, ParallelClientsEachGetTheirOwnReply) {
         const Reply reply = callRaw(
             socketPath_, requestFrame(LMDictionary{{u"data", d.bytes}, {u"taxes", LMArray{echo}}}));
         std::string problem = reply.problem;
-        if (problem.empty() && !d.error.empty() && reply.message != d.error) {
-          problem = "error '" + lmUtf8(reply.message) + "'";
+        if (problem.empty() && !d.error.empty() && reply.error.message != d.error) {
+          problem = "error '" + lmUtf8(reply.error.message) + "'";
         }
         if (problem.empty() && d.error.empty() &&
             (reply.kind != 0 || reply.result.at(u"gross").toString() != d.gross ||

@@ -71,8 +71,7 @@ inline Bytes requestFrame(const LMValue& task) {
 struct Reply {
   std::string problem;  // empty when the stream held exactly one frame
   uint8_t kind = 0;
-  std::u16string domain, message;  // of an error
-  int64_t code = 0;
+  LMXPCError error;
   LMValue result;
 };
 
@@ -96,9 +95,7 @@ inline Reply replyOn(int fd) {
   if (frame.kind == kLMFrameError) {
     auto error = lmParseErrorPayload(frame.payload);
     if (!error) reply.problem = "malformed error payload";
-    reply.domain = error ? error->domain : u"";
-    reply.message = error ? error->message : u"";
-    reply.code = error ? error->code : 0;
+    reply.error = error.value_or(LMXPCError{});
   } else if (!frame.payload.empty()) {
     std::string why;
     auto decoded = lxDataUnserialize(frame.payload, &why);
@@ -111,7 +108,7 @@ inline Reply replyOn(int fd) {
 // The reply's error message, "result" for a result, or what was wrong with it.
 inline std::u16string messageOf(const Reply& reply) {
   if (!reply.problem.empty()) return lmUtf16(reply.problem);
-  return reply.kind == kLMFrameResult ? u"result" : reply.message;
+  return reply.kind == kLMFrameResult ? u"result" : reply.error.message;
 }
 
 inline int connectTo(const std::string& path) {
@@ -273,7 +270,7 @@ class ServiceHarness : public LMQuietTest {
   void expectServing(const std::string& path) {
     const Reply reply = callRaw(path, requestFrame(LMDictionary{{u"data", lmTestdataBytes("sample-receipt.pdf")}}));
     ASSERT_EQ("", reply.problem);
-    ASSERT_EQ(0, reply.kind) << lmUtf8(reply.message);
+    ASSERT_EQ(0, reply.kind) << lmUtf8(reply.error.message);
     EXPECT_EQ(u"15.3", reply.result.at(u"gross").toString());
   }
 
