@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "service/service_test_harness.h"
-#include "service/transport.h"
 
 namespace {
 
