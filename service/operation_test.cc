@@ -7,11 +7,9 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include "kit/diagnostics.h"
 #include "kit/test_support.h"
 
 namespace {

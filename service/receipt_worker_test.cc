@@ -7,7 +7,7 @@
 
 #include "document/generated_pdf_test_util.h"
 #include "kit/test_support.h"
-#include "service/service_test_harness.h"
+#include "kit/unicode.h"
 
 namespace {
 

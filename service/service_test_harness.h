@@ -71,8 +71,7 @@ inline Bytes requestFrame(const LMValue& task) {
 struct Reply {
   std::string problem;  // empty when the stream held exactly one frame
   uint8_t kind = 0;
-  std::u16string domain, message;  // of an error
-  int64_t code = 0;
+  LMXPCError error;
   LMValue result;
 };
 
@@ -96,9 +95,7 @@ inline Reply replyOn(int fd) {
   if (frame.kind == kLMFrameError) {
     auto error = lmParseErrorPayload(frame.payload);
     if (!error) reply.problem = "malformed error payload";
-    reply.domain = error ? error->domain : u"";
-    reply.message = error ? error->message : u"";
-    reply.code = error ? error->code : 0;
+    reply.error = error.value_or(LMXPCError{});
   } else if (!frame.payload.empty()) {
     std::string why;
     auto decoded = lxDataUnserialize(frame.payload, &why);
@@ -106,6 +103,12 @@ inline Reply replyOn(int fd) {
     reply.result = decoded.value_or(LMValue());
   }
   return reply;
+}
+
+// The reply's error message, "result" for a result, or what was wrong with it.
+inline std::u16string messageOf(const Reply& reply) {
+  if (!reply.problem.empty()) return lmUtf16(reply.problem);
+  return reply.kind == kLMFrameResult ? u"result" : reply.error.message;
 }
 
 inline int connectTo(const std::string& path) {
@@ -120,25 +123,22 @@ inline int connectTo(const std::string& path) {
   return fd;
 }
 
-// Sends `bytes` on a new connection and leaves it open for the reply.
+// Sends `bytes` on a new connection and leaves it open for the reply (a
+// failed send is fine: the service may refuse early).
 inline int sendOnly(const std::string& path, const Bytes& bytes) {
-  const int fd = connectTo(path);
-  if (fd >= 0) {
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
-  }
-  return fd;
-}
-
-// Sends `bytes` (a failed send is fine: the service may refuse early), then
-// half-closes when asked and reads the reply (no whole frame when the
-// connection failed).
-inline Reply callRaw(const std::string& path, const Bytes& bytes, bool halfClose = false) {
   const int fd = connectTo(path);
   for (size_t sent = 0; sent < bytes.size();) {
     const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n <= 0) break;
     sent += static_cast<size_t>(n);
   }
+  return fd;
+}
+
+// Sends `bytes`, then half-closes when asked and reads the reply (no whole
+// frame when the connection failed).
+inline Reply callRaw(const std::string& path, const Bytes& bytes, bool halfClose = false) {
+  const int fd = sendOnly(path, bytes);
   if (halfClose) shutdown(fd, SHUT_WR);
   return replyOn(fd);
 }
@@ -155,24 +155,6 @@ bool waitUntil(Done done, std::chrono::milliseconds step = 5ms) {
   return true;
 }
 
-// The exit status of `pid` once it ended by itself (-1 when it did not within
-// the patience), or after SIGTERM (SIGKILL when that does not end it).
-inline int waitForExit(pid_t pid, bool terminate = false) {
-  if (terminate) kill(pid, SIGTERM);
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      if (!terminate) return -1;
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      break;
-    }
-    std::this_thread::sleep_for(10ms);
-  }
-  return status;
-}
-
 inline long rssKilobytes(pid_t pid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
   std::string line;
@@ -182,7 +164,8 @@ inline long rssKilobytes(pid_t pid) {
   return -1;
 }
 
-class ServiceHarness : public testing::Test {
+// The log entries of this process's own clients and servers are captured.
+class ServiceHarness : public LMQuietTest {
  protected:
   void SetUp() override {
     char pattern[] = "/tmp/lmreceipt-test-XXXXXX";
@@ -198,7 +181,7 @@ class ServiceHarness : public testing::Test {
   }
 
   void TearDown() override {
-    for (pid_t pid : pids_) waitForExit(pid, true);
+    while (!pids_.empty()) waitForExit(pids_.back(), true);
     for (const auto& [name, value] : savedEnvironment_) {
       if (value) setenv(name.c_str(), value->c_str(), 1); else unsetenv(name.c_str());
     }
@@ -263,11 +246,31 @@ class ServiceHarness : public testing::Test {
     });
   }
 
+  // The exit status of `pid` once it ended by itself (-1 when it did not within
+  // the patience), or after SIGTERM (SIGKILL when that does not end it). An
+  // ended process is no longer the harness's to end.
+  int waitForExit(pid_t pid, bool terminate = false) {
+    if (terminate) kill(pid, SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        if (!terminate) return -1;
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        break;
+      }
+      std::this_thread::sleep_for(10ms);
+    }
+    std::erase(pids_, pid);
+    return status;
+  }
+
   // A normal call still succeeds.
   void expectServing(const std::string& path) {
     const Reply reply = callRaw(path, requestFrame(LMDictionary{{u"data", lmTestdataBytes("sample-receipt.pdf")}}));
     ASSERT_EQ("", reply.problem);
-    ASSERT_EQ(0, reply.kind) << lmUtf8(reply.message);
+    ASSERT_EQ(0, reply.kind) << lmUtf8(reply.error.message);
     EXPECT_EQ(u"15.3", reply.result.at(u"gross").toString());
   }
 

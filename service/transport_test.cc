@@ -2,7 +2,6 @@
 #include "service/transport.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,12 +20,7 @@ using lm_test::Bytes;
 using lm_test::kPatience;
 
 // The harness gives each test a private XDG_RUNTIME_DIR, restored afterwards.
-class RuntimeFolder : public lm_test::ServiceHarness {
- protected:
-  LMLogCapture log_;
-};
-
-using TransportTest = RuntimeFolder;
+using TransportTest = lm_test::ServiceHarness;
 
 TEST_F(TransportTest, SocketPathNeedsAPrivateFolder) {
   const std::string fallback = "/tmp/lmreceipt-test-" + std::to_string(getpid()) + "-" +
@@ -96,10 +90,10 @@ TEST_F(TransportTest, WriteFrameSurvivesSlowAndVanishedReaders) {
   close(pair[0]);
 }
 
-class ClientTest : public RuntimeFolder {
+class ClientTest : public lm_test::ServiceHarness {
  protected:
   void SetUp() override {
-    RuntimeFolder::SetUp();
+    ServiceHarness::SetUp();
     // The detached service becomes our child, so that it can be reaped.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const std::string executable = LM_SERVICE_EXECUTABLE;
@@ -111,12 +105,10 @@ class ClientTest : public RuntimeFolder {
     socklen_t size = sizeof peer;
     if (fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
       close(fd);
-      kill(peer.pid, SIGTERM);
-      int status = 0;
-      EXPECT_EQ(peer.pid, waitpid(peer.pid, &status, 0));
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+      const int status = waitForExit(peer.pid, true);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     }
-    RuntimeFolder::TearDown();
+    ServiceHarness::TearDown();
   }
 };
 

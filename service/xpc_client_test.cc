@@ -10,7 +10,6 @@
 #include <thread>
 #include <vector>
 
-#include "kit/diagnostics.h"
 #include "service/keyed_archive.h"
 #include "kit/test_support.h"
 
