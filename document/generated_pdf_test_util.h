@@ -4,8 +4,10 @@
 // documents the limits are for (one page crowded with amounts, tens of
 // thousands of lines, thousands of pages sharing one content stream).
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kit/value.h"
@@ -81,4 +83,12 @@ inline LMData lmGeneratedPdf(const std::vector<std::string>& contents, int64_t s
 
   const std::string pdf = lmPdfWithObjects(objects);
   return LMData(pdf.begin(), pdf.end());
+}
+
+// `pdf` with its first `from` replaced by `to` of the same length, so that
+// the cross-reference table stays right: a damaged object.
+inline LMData lmDamaged(LMData pdf, std::string_view from, std::string_view to) {
+  const auto at = std::search(pdf.begin(), pdf.end(), from.begin(), from.end());
+  if (at != pdf.end() && from.size() == to.size()) std::copy(to.begin(), to.end(), at);
+  return pdf;
 }

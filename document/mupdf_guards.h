@@ -142,7 +142,9 @@ struct LMMuPdfGlyphBudget {
 
 // What MuPDF reports while one document is read. Damaged files can produce
 // hundreds of lines (one per failed object lookup); they are counted and
-// logged as one entry when the document is closed.
+// logged as one entry when the document is closed. The objects MuPDF could
+// not parse are noted too: it does not remember such a failure and parses
+// the object again at each lookup (see LMMuPdfState::forgetBrokenObjects).
 
 class LMMuPdfMessages {
  public:
@@ -152,6 +154,9 @@ class LMMuPdfMessages {
   static void onError(void* user, const char* message) {
     static_cast<LMMuPdfMessages*>(user)->add("error", message);
   }
+
+  // The numbers of the objects MuPDF failed to parse since the last call.
+  std::vector<int> takeBrokenObjects() { return std::exchange(broken_, {}); }
 
   // One log entry when anything was reported.
   void logSummary() const {
@@ -179,16 +184,21 @@ class LMMuPdfMessages {
     }
     ++count_;
     try {
+      int object = 0;
+      if (message && std::sscanf(message, "cannot load object (%d 0 R) into cache", &object) == 1) {
+        broken_.push_back(object);
+      }
       std::string line = std::string(kind) + ": " + (message ? message : "");
       if (samples_.size() < kMaxSamples &&
           std::find(samples_.begin(), samples_.end(), line) == samples_.end()) {
         samples_.push_back(std::move(line));
       }
     } catch (...) {
-      // Out of memory while keeping an example: the count is enough.
+      // Out of memory while keeping a note: the count is enough.
     }
   }
 
   uint64_t count_ = 0;
   std::vector<std::string> samples_;
+  std::vector<int> broken_;
 };

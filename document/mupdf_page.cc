@@ -253,6 +253,7 @@ class LMMuPdfPage final : public LMPdfSourcePage {
       document_->budget().takeRefused();
       text = extractText(ctx, page_, &glyphs, &complete);
       LMMuPdfGlyphBudget::current = nullptr;
+      document_->forgetBrokenObjects();
     }
     const bool outOfMemory = document_->budget().takeRefused() && !complete;
     if (!complete) {
@@ -386,6 +387,7 @@ std::shared_ptr<const LMPdfSourcePage> lmLoadMuPdfPage(std::shared_ptr<LMMuPdfSt
                                                       int64_t index) {
   PageGeometry geometry{};
   pdf_page* page = loadPage(state->ctx(), state->doc(), static_cast<int>(index), &geometry);
+  state->forgetBrokenObjects();
   if (!page) return nullptr;
   return std::make_shared<LMMuPdfPage>(std::move(state), page, index, geometry);
 }
