@@ -36,12 +36,4 @@ TEST(PDFDocumentTest, RecognisesOCRProgramsFromCreatorThenProducer) {
   }
 }
 
-TEST(PDFDocumentTest, UnreadableBytesGiveNoDocument) {
-  LMLogCapture capture;  // the adapter logs what it could not read
-  EXPECT_EQ(nullptr, LMPDFDocument::initWithData({}));
-  const LMPDFDocument none(nullptr);
-  EXPECT_EQ(0, none.pageCount());
-  EXPECT_FALSE(none.isOCRDocument());
-}
-
 }  // namespace
