@@ -60,6 +60,11 @@ struct Shape {
   std::function<LMData(int64_t size)> make;
 };
 
+// `n` pages of one line "Summe 12,34 EUR" each.
+LMData summePages(int64_t n) {
+  return lmGeneratedPdf(std::vector<std::string>(n, lmGeneratedLines(1, "Summe 12,34 EUR", 8, 12)));
+}
+
 const std::vector<Shape>& shapes() {
   static const std::vector<Shape> all = {
       {"crowded-page", "amounts and currency mentions on one page", 3000,
@@ -88,6 +93,11 @@ const std::vector<Shape>& shapes() {
        }},
       {"font-changes", "pages of 200,000 characters, each in a font size of its own", 2,
        [](int64_t n) { return lmGeneratedPdf(std::vector<std::string>(n, fontChangingLines())); }},
+      // An array never closed runs the object to the end of the file.
+      {"damaged-page", "pages, the first one's object damaged", 500,
+       [](int64_t n) { return lmDamaged(summePages(n), "842]", "842 "); }},
+      {"damaged-font", "pages sharing a damaged font", 500,
+       [](int64_t n) { return lmDamaged(summePages(n), "/BaseFont/", "/BaseFont["); }},
   };
   return all;
 }
