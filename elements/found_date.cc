@@ -1,10 +1,9 @@
 #include "elements/found_date.h"
 
-#include <cmath>
-
 int64_t LMFoundDate::sortWeight() const {
   const double weight = (10000 - page()) * 10000.0 * 1000.0 + 10000.0 * bbox().y + bbox().x;
-  return static_cast<int64_t>(std::trunc(weight));
+  // A box far off the page (up to infinity) must not make the cast undefined.
+  return lmSaturatedInt(weight);
 }
 
 std::u16string LMFoundDate::description() const {

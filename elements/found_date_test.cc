@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 namespace {
 
 TEST(FoundDateTest, SortWeightReadsPageThenHeightThenX) {
@@ -11,7 +13,9 @@ TEST(FoundDateTest, SortWeightReadsPageThenHeightThenX) {
     int64_t weight;
   } cases[] = {{0, {50, 700, 60, 10}, 100007000050},
                {1, {50, 700, 60, 10}, 99997000050},
-               {0, {50.9, 700, 60, 10}, 100007000050}};  // truncated
+               {0, {50.9, 700, 60, 10}, 100007000050},  // truncated
+               {0, {50, -INFINITY, 60, 10}, INT64_MIN},  // a box off any page saturates
+               {0, {50, 1e300, 60, 10}, INT64_MAX}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.weight);
     LMFoundDate d;

@@ -364,19 +364,21 @@ std::shared_ptr<LMObject> LMValue::asObject() const {
   return nullptr;
 }
 
+int64_t lmSaturatedInt(double d) {
+  if (std::isnan(d)) return 0;
+  if (d >= 9.2233720368547758e18) return std::numeric_limits<int64_t>::max();
+  if (d <= -9.2233720368547758e18) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(d);
+}
+
 int64_t LMValue::toInt() const {
   switch (kind()) {
     case LMValueKind::kBool:
       return *asBool() ? 1 : 0;
     case LMValueKind::kInt:
       return *asInt();
-    case LMValueKind::kDouble: {
-      const double d = *asDouble();
-      if (std::isnan(d)) return 0;
-      if (d >= 9.2233720368547758e18) return std::numeric_limits<int64_t>::max();
-      if (d <= -9.2233720368547758e18) return std::numeric_limits<int64_t>::min();
-      return static_cast<int64_t>(d);
-    }
+    case LMValueKind::kDouble:
+      return lmSaturatedInt(*asDouble());
     case LMValueKind::kDecimal:
       return asDecimal()->integerValue();
     case LMValueKind::kString:

@@ -310,6 +310,10 @@ struct LMDictionaryEntry {
 // A shared nil value, for lookups that return references.
 const LMValue& lmNil();
 
+// `d` cut toward zero, saturated to int64_t (infinities included); 0 for NaN.
+// A plain cast of a double beyond int64_t's range is undefined.
+int64_t lmSaturatedInt(double d);
+
 // --- JSON in pieces ---
 // Receives JSON text piece by piece (UTF-8, pieces of about 64 KiB).
 using LMJSONSink = std::function<void(std::string_view piece)>;
