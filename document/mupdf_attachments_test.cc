@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "document/fake_pdf_source_test_util.h"
 #include "document/generated_pdf_test_util.h"
 #include "document/pdf_source.h"
 #include "einvoice/attachment_selection.h"
@@ -195,8 +194,6 @@ TEST(PdfAttachmentsTest, BrokenOrAbsentFilesAreSkippedOrSaySo) {
   EXPECT_EQ(u"damaged stream", list[0].failure);
   EXPECT_TRUE(list[0].bytes.empty());
   EXPECT_TRUE(attachmentsOf(PdfWithFiles::make({})).empty());
-  // The hand-made test file has none.
-  EXPECT_TRUE(LMFakePdfSource().attachments().empty());
 }
 
 }  // namespace
